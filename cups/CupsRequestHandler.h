@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cups/cups.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace Kestrel::Private {
+
+// IPP attribute name to the texts of its values.
+using AttributeMap = std::map<std::string, std::vector<std::string>>;
+
+struct HttpCloser {
+    void operator()(http_t* http) const { httpClose(http); }
+};
+struct IppDeleter {
+    void operator()(ipp_t* ipp) const { ippDelete(ipp); }
+};
+using HttpPtr = std::unique_ptr<http_t, HttpCloser>;
+using IppPtr = std::unique_ptr<ipp_t, IppDeleter>;
+
+// One connection, one pending request and the last response: the only way
+// the service speaks IPP to a scheduler or a printer.
+class CupsRequestHandler {
+public:
+    CupsRequestHandler() = default;
+    CupsRequestHandler(const CupsRequestHandler&) = delete;
+    CupsRequestHandler& operator=(const CupsRequestHandler&) = delete;
+    virtual ~CupsRequestHandler();
+
+    virtual void connect();
+    virtual void connectRemote(std::string_view host, int port);
+    virtual void prepareRequest(std::string printerName, ipp_op_t operation);
+    virtual void newRequest(ipp_op_t operation);
+
+    virtual void addString(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name, std::string_view value);
+    virtual void addInteger(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name, int value);
+    virtual void addBoolean(ipp_tag_t group, std::string_view name, bool value);
+    virtual void addStrings(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name,
+                            const std::unordered_set<std::string>& values);
+
+    virtual void executeAdminRequest();
+    virtual void executePrintRequest();
+    virtual void executePrintFileRequest(std::string_view path);
+
+    virtual void releaseResponse();
+    virtual int getInteger(std::string_view name);
+    virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
+
+private:
+    HttpPtr connection;
+    IppPtr request;
+    IppPtr response;
+    std::string remoteHost;
+    int32_t remotePort = 0;
+};
+
+} // namespace Kestrel::Private

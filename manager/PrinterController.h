@@ -1,0 +1,47 @@
+#pragma once
+
+#include "cups/CupsInterface.h"
+#include "cups/CupsRequestHandler.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Kestrel::Private {
+
+class CurlInterface;
+class DatabaseManager;
+class SystemInterface;
+class SystemLogger;
+
+// The logic behind ru.zorv.PrinterManager; owns the services it drives.
+// The pointers are shared because the scan thread uses them too.
+class PrinterController {
+public:
+    PrinterController();
+    PrinterController(std::shared_ptr<CupsRequestHandler> requestHandler,
+                      std::shared_ptr<CupsInterface> cups,
+                      std::shared_ptr<CurlInterface> curl,
+                      std::shared_ptr<SystemInterface> system,
+                      std::shared_ptr<SystemLogger> logger,
+                      std::shared_ptr<DatabaseManager> database);
+
+    void addPrinter(const std::string& uri, const std::string& name, const std::vector<std::string>& users);
+    void removePrinter(const std::string& name);
+    void renamePrinter(const std::string& oldName, const std::string& newName);
+    AttributeMap getPrinterAttributes(const std::string& printerName);
+    DeviceMap getAccessiblePrinters();
+    std::vector<std::string> getSavedPrinters();
+
+private:
+    std::string ppdPath(const std::string& model);
+
+    std::shared_ptr<CupsRequestHandler> requestHandler;
+    std::shared_ptr<CupsInterface> cups;
+    std::shared_ptr<CurlInterface> curl;
+    std::shared_ptr<SystemInterface> system;
+    std::shared_ptr<SystemLogger> logger;
+    std::shared_ptr<DatabaseManager> database;
+};
+
+} // namespace Kestrel::Private
