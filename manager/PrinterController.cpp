@@ -1,0 +1,173 @@
+#include "manager/PrinterController.h"
+
+#include "support/CurlInterface.h"
+#include "support/DatabaseManager.h"
+#include "support/Diagnostics.h"
+#include "support/SystemInterface.h"
+#include "support/SystemLogger.h"
+#include "support/Uri.h"
+#include "support/UuidGenerator.h"
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+#include <unordered_set>
+
+namespace Kestrel::Private {
+
+namespace {
+
+const char* const ppdDirectory = "/usr/share/cups/model/";
+
+const std::unordered_set<std::string> capabilityAttributes = {
+    "orientation-requested-supported",
+    "media-supported",
+    "print-color-mode-supported",
+    "sides-supported",
+};
+
+std::string notFoundMessage(const std::string& name, const std::string& cupsName)
+{
+    return "printer with user_name '" + name + "' and cups_name '" + cupsName + "' doesn't exist.";
+}
+
+} // namespace
+
+PrinterController::PrinterController()
+    : PrinterController(std::make_shared<CupsRequestHandler>(),
+                        std::make_shared<CupsInterface>(),
+                        std::make_shared<CurlInterface>(),
+                        std::make_shared<SystemInterface>(),
+                        std::make_shared<SystemLogger>(),
+                        std::make_shared<DatabaseManager>())
+{
+}
+
+PrinterController::PrinterController(std::shared_ptr<CupsRequestHandler> requestHandler,
+                                     std::shared_ptr<CupsInterface> cups,
+                                     std::shared_ptr<CurlInterface> curl,
+                                     std::shared_ptr<SystemInterface> system,
+                                     std::shared_ptr<SystemLogger> logger,
+                                     std::shared_ptr<DatabaseManager> database)
+    : requestHandler(std::move(requestHandler))
+    , cups(std::move(cups))
+    , curl(std::move(curl))
+    , system(std::move(system))
+    , logger(std::move(logger))
+    , database(std::move(database))
+{
+}
+
+void PrinterController::addPrinter(const std::string& uri, const std::string& name,
+                                   const std::vector<std::string>& users)
+{
+    logFailures([&] {
+        const auto cupsName = UuidGenerator::generate();
+        const Uri parsed(uri, curl);
+        for (const auto& user : users) {
+            if (!system->userExists(user))
+                throw std::runtime_error("user " + user + " doesn't exists");
+        }
+
+        requestHandler->connect();
+        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
+        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_URI, "device-uri", uri);
+        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "printer-name", cupsName);
+        // Only plain ipp gets a driverless queue; ipps, dnssd and socket get no driver at all.
+        if (parsed.protocol() == ProtocolIpp)
+            requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", "everywhere");
+        else if (parsed.protocol() == ProtocolUsb)
+            requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", ppdPath(parsed.modelOrAddress()));
+        requestHandler->executeAdminRequest();
+
+        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
+        requestHandler->addBoolean(IPP_TAG_PRINTER, "printer-is-accepting-jobs", true);
+        requestHandler->addInteger(IPP_TAG_PRINTER, IPP_TAG_ENUM, "printer-state", IPP_PSTATE_IDLE);
+        requestHandler->executeAdminRequest();
+
+        database->insert(cupsName, name);
+        logger->sendEvent("INFO_LEVEL", "printer-added", name);
+    });
+}
+
+std::string PrinterController::ppdPath(const std::string& model)
+{
+    std::string file;
+    for (char c : model) {
+        if (c != '-')
+            file += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    auto path = ppdDirectory + file + ".ppd";
+    if (system->fileExists(path))
+        return path;
+    // The lookup reports its own failure; the add then reports it again.
+    logError("no PPD file for printer " + model);
+    throw std::runtime_error("no PPD file for printer " + model);
+}
+
+void PrinterController::removePrinter(const std::string& name)
+{
+    logFailures([&] {
+        const auto cupsName = database->getCupsName(name);
+        if (!cups->destinationExists(cupsName))
+            throw std::invalid_argument(notFoundMessage(name, cupsName));
+        requestHandler->connect();
+        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_DELETE_PRINTER);
+        requestHandler->executeAdminRequest();
+        database->remove(name);
+        logger->sendEvent("INFO_LEVEL", "printer-removed", name);
+    });
+}
+
+void PrinterController::renamePrinter(const std::string& oldName, const std::string& newName)
+{
+    if (oldName.empty() || newName.empty())
+        throw std::invalid_argument("no old name or new name provided");
+    logFailures([&] {
+        if (oldName == newName) {
+            logWarning("new name and old name match. Nothing to be done.");
+            return;
+        }
+        database->rename(oldName, newName);
+    });
+}
+
+AttributeMap PrinterController::getPrinterAttributes(const std::string& printerName)
+{
+    return logFailures([&] {
+        const auto cupsName = database->getCupsName(printerName);
+        if (!cups->destinationExists(cupsName))
+            throw std::runtime_error(notFoundMessage(printerName, cupsName));
+        requestHandler->connect();
+        requestHandler->prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
+        requestHandler->addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", capabilityAttributes);
+        requestHandler->executeAdminRequest();
+        return requestHandler->getAttributes(capabilityAttributes);
+    });
+}
+
+DeviceMap PrinterController::getAccessiblePrinters()
+{
+    DeviceMap devices;
+    try {
+        devices = cups->getDevices();
+    } catch (const std::exception& error) {
+        logError(error.what());
+        return {};
+    }
+    // A guard on what reaches clients, even though discovery filters already.
+    for (auto it = devices.begin(); it != devices.end();) {
+        if (Uri::hasSupportedPrefix(it->first))
+            ++it;
+        else
+            it = devices.erase(it);
+    }
+    return devices;
+}
+
+std::vector<std::string> PrinterController::getSavedPrinters()
+{
+    return database->getUserNames();
+}
+
+} // namespace Kestrel::Private

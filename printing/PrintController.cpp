@@ -1,0 +1,99 @@
+#include "printing/PrintController.h"
+
+#include "cups/CupsInterface.h"
+#include "cups/CupsRequestHandler.h"
+#include "printing/PrintOptions.h"
+#include "support/DatabaseManager.h"
+#include "support/Diagnostics.h"
+#include "support/SystemInterface.h"
+#include "support/UuidGenerator.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+
+namespace Kestrel::Private {
+
+namespace {
+
+bool isAscii(const std::string& text)
+{
+    return std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) & 0x80; });
+}
+
+} // namespace
+
+PrintController::PrintController()
+    : PrintController(std::make_shared<CupsRequestHandler>(),
+                      std::make_shared<CupsInterface>(),
+                      std::make_shared<SystemInterface>(),
+                      std::make_shared<DatabaseManager>())
+{
+}
+
+PrintController::PrintController(std::shared_ptr<CupsRequestHandler> requestHandler,
+                                 std::shared_ptr<CupsInterface> cups,
+                                 std::shared_ptr<SystemInterface> system,
+                                 std::shared_ptr<DatabaseManager> database)
+    : requestHandler(std::move(requestHandler))
+    , cups(std::move(cups))
+    , system(std::move(system))
+    , database(std::move(database))
+{
+}
+
+void PrintController::print(const std::string& path, const std::string& printer,
+                            const std::map<std::string, std::string>& parameters)
+{
+    const auto document = preparePath(path);
+    const auto cupsName = database->getCupsName(printer);
+
+    std::lock_guard<std::mutex> lock(jobMutex);
+    const int jobId = createJob(document, cupsName, parameters);
+    sendDocument(document, cupsName, jobId);
+    // A submitted document does not outlive the call, whether the caller's or our copy.
+    system->removeFile(document);
+}
+
+std::string PrintController::preparePath(const std::string& path)
+{
+    if (isAscii(path))
+        return path;
+    // Non-ASCII names are printed from an ASCII-named copy beside the original.
+    const std::filesystem::path original(path);
+    const auto copy = (original.parent_path() / (UuidGenerator::generate() + original.extension().string())).string();
+    system->copyFile(path, copy);
+    return copy;
+}
+
+int PrintController::createJob(const std::string& path, const std::string& cupsName,
+                               const std::map<std::string, std::string>& options)
+{
+    return logFailures([&] {
+        if (!system->fileExists(path))
+            throw std::runtime_error("file " + path + " doesn't exist.");
+        if (!cups->destinationExists(cupsName))
+            throw std::runtime_error("printer " + cupsName + " doesn't exist.");
+        requestHandler->prepareRequest(cupsName, IPP_OP_CREATE_JOB);
+        PrintOptions::addTo(*requestHandler, options);
+        requestHandler->executePrintFileRequest(path);
+        return requestHandler->getInteger("job-id");
+    });
+}
+
+void PrintController::sendDocument(const std::string& path, const std::string& cupsName, int jobId)
+{
+    logFailures([&] {
+        if (!system->fileExists(path))
+            throw std::runtime_error("file " + path + "doesn't exist.");
+        if (!cups->destinationExists(cupsName))
+            throw std::runtime_error("printer " + cupsName + " doesn't exist.");
+        requestHandler->prepareRequest(cupsName, IPP_OP_SEND_DOCUMENT);
+        requestHandler->addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
+        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", "application/pdf");
+        requestHandler->addBoolean(IPP_TAG_OPERATION, "last-document", true);
+        requestHandler->executePrintFileRequest(path);
+    });
+}
+
+} // namespace Kestrel::Private

@@ -1,0 +1,26 @@
+#include "printing/PrintingServiceInterface.h"
+
+namespace Kestrel::Private {
+
+PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path)
+    : AdaptorInterfaces(connection, std::move(path))
+{
+    registerAdaptor();
+}
+
+PrintingServiceInterface::~PrintingServiceInterface()
+{
+    unregisterAdaptor();
+}
+
+void PrintingServiceInterface::print(const std::string& path, const std::string& printer,
+                                     const std::map<std::string, std::string>& parameters)
+{
+    try {
+        controller.print(path, printer, parameters);
+    } catch (const std::exception& error) {
+        throw sdbus::Error("ru.zorv.PrintingService.Error", error.what());
+    }
+}
+
+} // namespace Kestrel::Private

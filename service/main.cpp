@@ -1,0 +1,14 @@
+#include "manager/PrinterManagerInterface.h"
+#include "printing/PrintingServiceInterface.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+int main()
+{
+    const char* const objectPath = "/ru/zorv/print";
+    auto connection = sdbus::createSystemBusConnection("ru.zorv.print");
+    Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
+    Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath);
+    connection->enterEventLoop();
+    return 0;
+}

@@ -1,0 +1,158 @@
+#include "support/DatabaseManager.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <system_error>
+
+namespace Kestrel::Private {
+
+namespace {
+
+const int openFlags = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE;
+const char* const versionRead = "SELECT value FROM version WHERE id=1";
+
+void createSchema001(SQLite::Database& db)
+{
+    SQLite::Transaction transaction(db);
+    db.exec("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL)");
+    db.exec("CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
+            "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT))");
+    transaction.commit();
+
+    SQLite::Statement write(db, "INSERT INTO version(id, value) VALUES(1,?) ON CONFLICT(id) DO UPDATE SET value=?");
+    write.bind(1, "0.0.1");
+    if (write.exec() == 0)
+        throw std::runtime_error(db.getErrorMsg());
+}
+
+const std::map<std::string, std::vector<std::string>> expectedTables = {
+    {"0.0.1", {"version", "printers"}},
+};
+
+const std::map<std::string, std::function<void(SQLite::Database&)>> migrations = {
+    {"0.0.1", createSchema001},
+};
+
+SQLite::Database open(const std::string& path)
+{
+    return SQLite::Database(path, openFlags, 0);
+}
+
+// Runs a statement that must change a row; SQLite's own text explains why not.
+void execChanging(const std::string& path, const char* sql, std::initializer_list<std::string> binds)
+{
+    auto db = open(path);
+    SQLite::Statement statement(db, sql);
+    int position = 1;
+    for (const auto& value : binds)
+        statement.bind(position++, value);
+    if (statement.exec() == 0)
+        throw std::runtime_error(db.getErrorMsg());
+}
+
+} // namespace
+
+DatabaseManager::DatabaseManager(std::string directory)
+    : schemaVersion("0.0.1")
+    , databaseDirectory(std::move(directory))
+    , databasePath(databaseDirectory + "/printers.db")
+{
+    openAndValidate();
+}
+
+void DatabaseManager::openAndValidate()
+{
+    namespace fs = std::filesystem;
+    bool freshFile = false;
+    if (!fs::exists(fs::status(databaseDirectory))) {
+        std::error_code error;
+        if (!fs::create_directory(databaseDirectory, error))
+            throw std::runtime_error("failed to create the database directory: " + error.message());
+        freshFile = true;
+    } else if (!fs::exists(fs::status(databasePath))) {
+        freshFile = true;
+    } else if (!isValid()) {
+        // Deleting the invalid file still fails this start; the next one starts afresh.
+        if (std::remove(databasePath.c_str()) == 0)
+            throw std::runtime_error("failed to remove the invalid database" + databasePath);
+    }
+
+    auto db = open(databasePath);
+    if (freshFile) {
+        migrations.at(schemaVersion)(db);
+        return;
+    }
+    for (auto stored = db.execAndGet(versionRead).getString(); stored != schemaVersion;
+         stored = db.execAndGet(versionRead).getString())
+        migrations.at(stored)(db);
+}
+
+bool DatabaseManager::isValid() const
+{
+    const auto tables = expectedTables.find(schemaVersion);
+    if (tables == expectedTables.end())
+        return false;
+    auto db = open(databasePath);
+    for (const auto& table : tables->second) {
+        if (!db.tableExists(table))
+            return false;
+    }
+    return migrations.count(db.execAndGet(versionRead).getString()) > 0;
+}
+
+void DatabaseManager::insert(const std::string& cupsName, const std::string& userName)
+{
+    if (cupsName.empty() || userName.empty())
+        throw std::invalid_argument("invalid argument");
+    execChanging(databasePath, "INSERT INTO printers (cups_name, user_name) VALUES (?, ?)", {cupsName, userName});
+}
+
+void DatabaseManager::rename(const std::string& oldUserName, const std::string& newUserName)
+{
+    if (oldUserName.empty() || newUserName.empty())
+        throw std::invalid_argument("invalid argument");
+    execChanging(databasePath, "UPDATE printers SET user_name = ? where user_name = ?", {newUserName, oldUserName});
+}
+
+void DatabaseManager::remove(const std::string& userName)
+{
+    if (userName.empty())
+        throw std::invalid_argument("invalid argument");
+    execChanging(databasePath, "DELETE FROM printers WHERE user_name=?", {userName});
+}
+
+std::string DatabaseManager::getCupsName(const std::string& userName)
+{
+    if (userName.empty())
+        throw std::invalid_argument("invalid argument");
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT cups_name from printers where user_name=?");
+    query.bind(1, userName);
+    std::string cupsName;
+    while (query.executeStep())
+        cupsName = query.getColumn(0).getString();
+    return cupsName;
+}
+
+std::vector<std::string> DatabaseManager::getUserNames()
+{
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT user_name from printers");
+    std::vector<std::string> names;
+    while (query.executeStep())
+        names.push_back(query.getColumn(0).getString());
+    return names;
+}
+
+void DatabaseManager::clear()
+{
+    auto db = open(databasePath);
+    db.exec("DELETE from printers");
+}
+
+} // namespace Kestrel::Private
