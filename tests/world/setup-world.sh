@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# Builds the test world and runs the given command in it. Meant to be pid 1
+# of a fresh pid namespace (see run-in-world.sh): when it exits, the kernel
+# ends every service started here.
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+repo=$(cd "$here/../.." && pwd)
+
+export KESTREL_WORLD=1
+export KESTREL_WORLD_DIR=/run/kestrel-world
+export KESTREL_PRINTER_SPOOL=$KESTREL_WORLD_DIR/printer-spool
+export KESTREL_PRINTER_URI=ipp://127.0.0.1:631/ipp/print
+unset CUPS_SERVER DBUS_SYSTEM_BUS_ADDRESS
+
+fail() {
+    echo "test world: $*" >&2
+    local log
+    for log in /var/log/cups/error_log "$KESTREL_WORLD_DIR"/*.log; do
+        [ -s "$log" ] || continue
+        echo "--- $log" >&2
+        tail -n 20 "$log" >&2
+    done
+    exit 1
+}
+
+# Polls COMMAND until it succeeds, for at most 10 seconds.
+wait_until() {
+    local what=$1 attempt
+    shift
+    for attempt in $(seq 1000); do
+        "$@" >/dev/null 2>&1 && return 0
+        sleep 0.01
+    done
+    fail "$what did not come up"
+}
+
+own() {
+    mkdir -p "$1"
+    mount -t tmpfs -o mode=0755 kestrel-world "$1"
+}
+
+ip link set lo up
+mount --make-rprivate /
+
+own /run
+original=$KESTREL_WORLD_DIR/original
+mkdir -p "$original" "$KESTREL_PRINTER_SPOOL" /run/dbus
+cp -a /etc/cups "$original/cups"
+cp -a /usr/lib/cups/backend "$original/backend"
+
+for dir in /etc/cups /var/spool/cups /var/cache/cups /var/log/cups \
+           /usr/lib/cups/backend /usr/share/cups/model /etc/dbus-1/system.d \
+           /var/lib/print; do
+    own "$dir"
+done
+
+# CUPS: the stock configuration minus any queues, our scheduler settings.
+cp -a "$original/cups/." /etc/cups/
+rm -rf /etc/cups/printers.conf* /etc/cups/classes.conf* /etc/cups/subscriptions.conf* /etc/cups/ppd
+mkdir -p /etc/cups/ppd
+install -m 0644 "$here/cupsd.conf" /etc/cups/cupsd.conf
+
+# Backends for queues stay; the ones that search the network go, so a
+# discovery is offline and quick. kestrel-devices reports the fake devices.
+cp -a "$original/backend/." /usr/lib/cups/backend/
+rm -f /usr/lib/cups/backend/{snmp,dnssd,mdns,driverless,driverless-fax}
+install -m 0755 "$here/kestrel-devices" /usr/lib/cups/backend/kestrel-devices
+
+# The service sends absolute PPD paths; cups-driverd resolves them below
+# its model directory.
+ln -s /usr /usr/share/cups/model/usr
+
+install -m 0644 "$repo/service/ru.zorv.print.conf" "$here/ru.quentis.SystemLogs.conf" \
+    /etc/dbus-1/system.d/
+
+dbus-daemon --system --fork || fail "dbus-daemon failed to start"
+cupsd -f >"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 &
+ippeveprinter -r off -p 631 -M Maker -m Model -f application/pdf,image/pwg-raster \
+    -k -d "$KESTREL_PRINTER_SPOOL" "Kestrel Test Printer" \
+    >"$KESTREL_WORLD_DIR/ippeveprinter.log" 2>&1 &
+
+wait_until "the system bus" busctl --system call org.freedesktop.DBus /org/freedesktop/DBus \
+    org.freedesktop.DBus GetId
+wait_until "cupsd" sh -c 'lpstat -r | grep -qx "scheduler is running"'
+wait_until "ippeveprinter" bash -c ': </dev/tcp/127.0.0.1/631'
+
+set +e
+"$@"
+exit $?
