@@ -24,6 +24,9 @@ struct IppDeleter {
 using HttpPtr = std::unique_ptr<http_t, HttpCloser>;
 using IppPtr = std::unique_ptr<ipp_t, IppDeleter>;
 
+// The library's last error text; empty rather than null before any error.
+std::string cupsErrorText();
+
 // One connection, one pending request and the last response: the only way
 // the service speaks IPP to a scheduler or a printer.
 class CupsRequestHandler {
@@ -53,6 +56,8 @@ public:
     virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
 
 private:
+    void execute(const char* resource, const char* file);
+
     HttpPtr connection;
     IppPtr request;
     IppPtr response;

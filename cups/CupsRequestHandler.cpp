@@ -1,0 +1,216 @@
+#include "cups/CupsRequestHandler.h"
+
+#include "support/Diagnostics.h"
+
+#include <stdexcept>
+#include <sys/socket.h>
+
+namespace Kestrel::Private {
+
+namespace {
+
+constexpr int RemoteTimeoutMs = 30000;
+constexpr size_t UriBufferSize = 1024;
+
+void warnAlreadyConnected()
+{
+    logWarning("connection with CUPS server already established.");
+}
+
+ipp_t* pendingRequest(const IppPtr& request)
+{
+    if (!request)
+        throw std::invalid_argument("no pending requests prepared.");
+    return request.get();
+}
+
+ipp_t* storedResponse(const IppPtr& response)
+{
+    if (!response)
+        throw std::invalid_argument("no response provided.");
+    return response.get();
+}
+
+void checkAdded(const ipp_attribute_t* attribute, std::string_view name)
+{
+    if (attribute)
+        return;
+    throw std::runtime_error("failed to adjust CUPS attribute '" + std::string(name) + "': " + cupsErrorText());
+}
+
+// Splits like reading comma-terminated fields: inner empty pieces stay,
+// a trailing comma adds nothing.
+std::vector<std::string> splitAtCommas(const std::string& text)
+{
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t comma = text.find(',', start);
+        if (comma == std::string::npos)
+            comma = text.size();
+        pieces.emplace_back(text, start, comma - start);
+        start = comma + 1;
+    }
+    return pieces;
+}
+
+} // namespace
+
+std::string cupsErrorText()
+{
+    const char* text = cupsLastErrorString();
+    return text ? text : "";
+}
+
+CupsRequestHandler::~CupsRequestHandler()
+{
+    remoteHost.clear();
+    response.reset();
+    request.reset();
+    connection.reset();
+}
+
+void CupsRequestHandler::connect()
+{
+    if (connection) {
+        warnAlreadyConnected();
+        return;
+    }
+    // The process-wide client settings are exactly what this call takes.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    http_t* http = httpConnectEncrypt(cupsServer(), ippPort(), cupsEncryption());
+#pragma GCC diagnostic pop
+    if (!http)
+        throw std::runtime_error("failed to establish connection with CUPS server.");
+    connection.reset(http);
+}
+
+void CupsRequestHandler::connectRemote(std::string_view host, int port)
+{
+    if (connection && remoteHost == host && remotePort == port) {
+        warnAlreadyConnected();
+        return;
+    }
+    std::string hostText(host);
+    http_t* http = httpConnect2(hostText.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_IF_REQUESTED, 1,
+                                RemoteTimeoutMs, nullptr);
+    if (!http)
+        throw std::runtime_error("failed to establish connection with remote server.");
+    remoteHost = std::move(hostText);
+    remotePort = port;
+    connection.reset(http);
+}
+
+void CupsRequestHandler::prepareRequest(std::string printerName, ipp_op_t operation)
+{
+    request.reset(ippNewRequest(operation));
+    printerName = removeWhitespace(printerName);
+
+    char uri[UriBufferSize];
+    http_uri_status_t status = httpAssembleURIf(HTTP_URI_CODING_ALL, uri, sizeof(uri), "ipp", nullptr, "localhost",
+                                                0, "/printers/%s", printerName.c_str());
+    if (status != HTTP_URI_STATUS_OK)
+        throw std::runtime_error(std::string("error assembling printer uri: ") + httpURIStatusString(status));
+
+    // Through the virtual slot, so that a replaced addString sees these too.
+    addString(IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", uri);
+    addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", "defaultuser");
+}
+
+void CupsRequestHandler::newRequest(ipp_op_t operation)
+{
+    request.reset(ippNewRequest(operation));
+}
+
+void CupsRequestHandler::addString(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name,
+                                   std::string_view value)
+{
+    ipp_t* ipp = pendingRequest(request);
+    checkAdded(ippAddString(ipp, group, valueTag, std::string(name).c_str(), nullptr, std::string(value).c_str()),
+               name);
+}
+
+void CupsRequestHandler::addInteger(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name, int value)
+{
+    ipp_t* ipp = pendingRequest(request);
+    checkAdded(ippAddInteger(ipp, group, valueTag, std::string(name).c_str(), value), name);
+}
+
+void CupsRequestHandler::addBoolean(ipp_tag_t group, std::string_view name, bool value)
+{
+    ipp_t* ipp = pendingRequest(request);
+    checkAdded(ippAddBoolean(ipp, group, std::string(name).c_str(), value ? 1 : 0), name);
+}
+
+void CupsRequestHandler::addStrings(ipp_tag_t group, ipp_tag_t valueTag, std::string_view name,
+                                    const std::unordered_set<std::string>& values)
+{
+    ipp_t* ipp = pendingRequest(request);
+    std::vector<const char*> texts;
+    texts.reserve(values.size());
+    for (const std::string& value : values)
+        texts.push_back(value.c_str());
+    checkAdded(ippAddStrings(ipp, group, valueTag, std::string(name).c_str(), static_cast<int>(texts.size()),
+                             nullptr, texts.data()),
+               name);
+}
+
+void CupsRequestHandler::executeAdminRequest()
+{
+    execute("/admin/", nullptr);
+}
+
+void CupsRequestHandler::executePrintRequest()
+{
+    execute("/ipp/print", nullptr);
+}
+
+void CupsRequestHandler::executePrintFileRequest(std::string_view path)
+{
+    execute("/ipp/print", std::string(path).c_str());
+}
+
+void CupsRequestHandler::execute(const char* resource, const char* file)
+{
+    pendingRequest(request);
+    // The library frees the request whatever the outcome.
+    ipp_t* sent = request.release();
+    ipp_t* result = file ? cupsDoFileRequest(connection.get(), sent, resource, file)
+                         : cupsDoRequest(connection.get(), sent, resource);
+    response.reset(result);
+    if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
+        throw std::runtime_error("failed to execute request: " + cupsErrorText());
+}
+
+void CupsRequestHandler::releaseResponse()
+{
+    response.reset();
+}
+
+int CupsRequestHandler::getInteger(std::string_view name)
+{
+    ipp_t* ipp = storedResponse(response);
+    return ippGetInteger(ippFindAttribute(ipp, std::string(name).c_str(), IPP_TAG_INTEGER), 0);
+}
+
+AttributeMap CupsRequestHandler::getAttributes(const std::unordered_set<std::string>& names)
+{
+    ipp_t* ipp = storedResponse(response);
+    AttributeMap attributes;
+    for (ipp_attribute_t* attribute = ippFirstAttribute(ipp); attribute; attribute = ippNextAttribute(ipp)) {
+        const char* name = ippGetName(attribute);
+        // Group separators carry no name.
+        if (!name || !names.count(name))
+            continue;
+        size_t length = ippAttributeString(attribute, nullptr, 0);
+        std::string text(length + 1, '\0');
+        if (ippAttributeString(attribute, text.data(), text.size()) == 0)
+            throw std::runtime_error(std::string("failed to extract value from attribute ") + name);
+        text.resize(length);
+        attributes[name] = splitAtCommas(text);
+    }
+    return attributes;
+}
+
+} // namespace Kestrel::Private
