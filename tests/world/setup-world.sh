@@ -75,7 +75,8 @@ install -m 0644 "$repo/service/ru.zorv.print.conf" "$here/ru.quentis.SystemLogs.
     /etc/dbus-1/system.d/
 
 dbus-daemon --system --fork || fail "dbus-daemon failed to start"
-cupsd -f >"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 &
+cupsd -f >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 &
+echo $! >"$KESTREL_WORLD_DIR/cupsd.pid"
 ippeveprinter -r off -p 631 -M Maker -m Model -f application/pdf,image/pwg-raster \
     -k -d "$KESTREL_PRINTER_SPOOL" "Kestrel Test Printer" \
     >"$KESTREL_WORLD_DIR/ippeveprinter.log" 2>&1 &
