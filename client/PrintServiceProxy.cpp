@@ -1,0 +1,43 @@
+#include "PrintServiceProxy.h"
+
+namespace Kestrel::Client {
+
+PrintServiceProxy::PrintServiceProxy(sdbus::IConnection& connection)
+    : ProxyInterfaces(connection, "ru.zorv.print", "/ru/zorv/print")
+{
+    registerProxy();
+}
+
+PrintServiceProxy::~PrintServiceProxy()
+{
+    unregisterProxy();
+}
+
+void PrintServiceProxy::ping()
+{
+    getProxy().callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+}
+
+void PrintServiceProxy::onSavedPrinters(SavedPrintersHandler handler)
+{
+    savedPrintersHandler_ = std::move(handler);
+}
+
+void PrintServiceProxy::onAccessiblePrinters(AccessiblePrintersHandler handler)
+{
+    accessiblePrintersHandler_ = std::move(handler);
+}
+
+void PrintServiceProxy::onAccessiblePrintersChanged(const std::map<std::string, std::string>& printers)
+{
+    if (accessiblePrintersHandler_)
+        accessiblePrintersHandler_(printers);
+}
+
+void PrintServiceProxy::onSavedPrintersChanged(const std::vector<std::string>& printers)
+{
+    if (savedPrintersHandler_)
+        savedPrintersHandler_(printers);
+}
+
+} // namespace Kestrel::Client
