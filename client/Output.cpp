@@ -109,7 +109,7 @@ void Output::printed(const std::string& file, const std::string& printer, const 
         write({{"printed", {{"file", file}, {"printer", printer}, {"options", options}}}});
         return;
     }
-    stream_ << "Sent " << file << " to printer " << quoted(printer) << "; the service has removed the file.\n";
+    stream_ << "Sent " << file << " to printer " << quoted(printer) << ".\n";
 }
 
 void Output::savedPrintersChanged(const std::vector<std::string>& printers)
