@@ -60,6 +60,9 @@ cp -a "$original/cups/." /etc/cups/
 rm -rf /etc/cups/printers.conf* /etc/cups/classes.conf* /etc/cups/subscriptions.conf* /etc/cups/ppd
 mkdir -p /etc/cups/ppd
 install -m 0644 "$here/cupsd.conf" /etc/cups/cupsd.conf
+# Clients use the socket only: without this, a stopped scheduler makes
+# libcups fall back to localhost:631 and reach the simulated printer.
+echo "ServerName /run/cups/cups.sock" >/etc/cups/client.conf
 
 # Backends for queues stay; the ones that search the network go, so a
 # discovery is offline and quick. kestrel-devices reports the fake devices.
@@ -75,11 +78,12 @@ install -m 0644 "$repo/service/ru.zorv.print.conf" "$here/ru.quentis.SystemLogs.
     /etc/dbus-1/system.d/
 
 dbus-daemon --system --fork || fail "dbus-daemon failed to start"
-cupsd -f >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 &
-echo $! >"$KESTREL_WORLD_DIR/cupsd.pid"
-ippeveprinter -r off -p 631 -M Maker -m Model -f application/pdf,image/pwg-raster \
-    -k -d "$KESTREL_PRINTER_SPOOL" "Kestrel Test Printer" \
-    >"$KESTREL_WORLD_DIR/ippeveprinter.log" 2>&1 &
+# Started from subshells so they are not our jobs: tests stop and restart
+# cupsd, and its end is no news to report.
+(cupsd -f >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
+(ippeveprinter -r off -p 631 -M Maker -m Model -f application/pdf,image/pwg-raster \
+    -c "$here/printer-command" -k -d "$KESTREL_PRINTER_SPOOL" "Kestrel Test Printer" \
+    >"$KESTREL_WORLD_DIR/ippeveprinter.log" 2>&1 &)
 
 wait_until "the system bus" busctl --system call org.freedesktop.DBus /org/freedesktop/DBus \
     org.freedesktop.DBus GetId
