@@ -94,8 +94,8 @@ int ClientCommands::scan(const CommandLine::Invocation& invocation, sdbus::IConn
     if (outcome == BusEventLoop::Outcome::Interrupted)
         return 130;
     if (outcome == BusEventLoop::Outcome::TimedOut) {
-        err_ << "no answer from the print service within " << invocation.timeout.count()
-             << " seconds; the scan may still be running\n";
+        err_ << "gave up waiting for the scan after " << invocation.timeout.count()
+             << " s; the print service may still be scanning\n";
         return 1;
     }
     output.accessiblePrinters(*found);
