@@ -141,7 +141,11 @@ std::string ChildProcess::runAs(uid_t uid, gid_t gid, const std::vector<gid_t>& 
             result.append(buffer, static_cast<std::size_t>(n));
     }
     ::close(fds[0]);
-    ::waitpid(pid, nullptr, 0);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    // A crashed body must not read as an empty, successful answer.
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error("the child running as uid " + std::to_string(uid) + " ended abnormally");
     return result;
 }
 

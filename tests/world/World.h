@@ -15,13 +15,13 @@
 
 // In SetUp (or a test body): skip when the test runs outside the world that
 // tests/world/run-in-world.sh builds, fail instead when CI=true.
-#define KESTREL_REQUIRE_WORLD()                                                             \
-    do {                                                                                    \
-        if (!::Kestrel::Test::World::available()) {                                        \
-            if (::Kestrel::Test::World::requiredByCi())                                     \
-                FAIL() << "CI=true requires the test world; run as root through run-in-world.sh"; \
-            GTEST_SKIP() << ::Kestrel::Test::World::unavailableReason();                    \
-        }                                                                                   \
+#define KESTREL_REQUIRE_WORLD()                                                      \
+    do {                                                                             \
+        if (!::Kestrel::Test::World::available()) {                                  \
+            if (::Kestrel::Test::World::requiredByCi())                              \
+                FAIL() << "CI=true requires the test world (root, run-in-world.sh)"; \
+            GTEST_SKIP() << ::Kestrel::Test::World::unavailableReason();             \
+        }                                                                            \
     } while (false)
 
 namespace Kestrel::Test {
