@@ -86,7 +86,7 @@ TEST_F(PrinterControllerTest, AddingAnIppPrinterDefinesADriverlessQueueEnablesIt
 
 TEST_F(PrinterControllerTest, IppsSocketAndDnssdQueuesGetNoDriverAttribute)
 {
-    for (const std::string uri : {"ipps://10.0.0.5/ipp/print", "socket://10.0.0.5", "dnssd://10.0.0.5.local/"}) {
+    for (const std::string uri : {"ipps://10.0.0.5/ipp/print", "socket://10.0.0.55", "dnssd://10.0.0.5.local/"}) {
         ::testing::Mock::VerifyAndClearExpectations(handler.get());
         EXPECT_CALL(*handler, connect());
         EXPECT_CALL(*handler, prepareRequest(_, _)).Times(2);

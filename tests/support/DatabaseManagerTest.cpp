@@ -1,6 +1,7 @@
 #include "support/DatabaseManager.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -122,7 +123,7 @@ TEST_F(DatabaseManagerTest, RenameToTakenNameKeepsBothRows)
     registry.insert("uuid-1", "Office");
     registry.insert("uuid-2", "Home");
     EXPECT_THROW(registry.rename("Office", "Home"), SQLite::Exception);
-    EXPECT_EQ(registry.getUserNames(), (std::vector<std::string>{"Office", "Home"}));
+    EXPECT_THAT(registry.getUserNames(), ::testing::UnorderedElementsAre("Office", "Home"));
     EXPECT_NO_THROW(registry.rename("Office", "Office"));
     registry.rename("Office", "Lab");
     EXPECT_EQ(registry.getCupsName("Lab"), "uuid-1");
