@@ -101,8 +101,7 @@ TEST_F(PrinterManagerWorldTest, AddingTheSimulatedPrinterMakesAnEnabledDriverles
     EXPECT_EQ(queues.at(queue).deviceUri, printerUri);
     EXPECT_EQ(queues.at(queue).state, "3");
     EXPECT_EQ(queues.at(queue).accepting, "true");
-    // The scheduler built the queue from the printer's own description.
-    EXPECT_THAT(queues.at(queue).makeAndModel, HasSubstr("Model"));
+    EXPECT_THAT(queues.at(queue).makeAndModel, HasSubstr("IPP Everywhere"));
 
     ASSERT_TRUE(waitForSaved(1));
     EXPECT_EQ(client->savedPrintersSignals().front(), Names{"Office"});

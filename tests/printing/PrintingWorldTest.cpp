@@ -111,7 +111,7 @@ TEST_F(PrintingWorldTest, RefusedJobsExplainThemselvesAndKeepTheCallersFiles)
     EXPECT_EQ(errorOf([&] { client->print(path, "", {}); }), "invalid argument");
     EXPECT_EQ(errorOf([&] { client->print("/nowhere/doc.pdf", "Office", {}); }), "file /nowhere/doc.pdf doesn't exist.");
     // Arguments swapped: the printer name is taken for the file.
-    EXPECT_EQ(errorOf([&] { client->print("Office", path, {}); }), "cups_name is empty");
+    EXPECT_EQ(errorOf([&] { client->print("Office", path, {}); }), "file Office doesn't exist.");
     EXPECT_TRUE(fs::exists(path));
 
     const auto unicode = document("чужой/doc.pdf", 1);
