@@ -168,7 +168,7 @@ CommandLine::Invocation CommandLine::parse(const std::vector<std::string>& argum
         }
         if (!value) {
             if (i + 1 == arguments.size())
-                throw UsageError("option '" + name + "' needs a value", invocation.command);
+                throw UsageError("option '" + argument + "' needs a value", invocation.command);
             value = arguments[++i];
         }
         applyOption(invocation, name, *value);
