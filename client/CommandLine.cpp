@@ -8,7 +8,7 @@ namespace Kestrel::Client {
 
 namespace {
 
-struct CommandSpec
+struct CommandEntry
 {
     const char* name;
     std::size_t argumentCount;
@@ -18,9 +18,9 @@ struct CommandSpec
     std::vector<std::string> options;
 };
 
-const std::vector<CommandSpec>& commands()
+const std::vector<CommandEntry>& commands()
 {
-    static const std::vector<CommandSpec> specs = {
+    static const std::vector<CommandEntry> entries = {
         {"list", 0, "list", "list the saved printers",
          "Prints the names of the saved printers, one per line.\n"
          "With --json: an array of names.\n",
@@ -63,15 +63,15 @@ const std::vector<CommandSpec>& commands()
          "With --json: one JSON object per line, {\"signal\", \"printers\"}.\n",
          {}},
     };
-    return specs;
+    return entries;
 }
 
-const CommandSpec* findCommand(const std::string& name)
+const CommandEntry* findCommand(const std::string& name)
 {
-    const auto& specs = commands();
-    const auto found = std::find_if(specs.begin(), specs.end(),
-                                    [&](const CommandSpec& spec) { return name == spec.name; });
-    return found == specs.end() ? nullptr : &*found;
+    const auto& entries = commands();
+    const auto found = std::find_if(entries.begin(), entries.end(),
+                                    [&](const CommandEntry& entry) { return name == entry.name; });
+    return found == entries.end() ? nullptr : &*found;
 }
 
 std::chrono::seconds parseTimeout(const std::string& text, const std::string& command)
@@ -161,8 +161,8 @@ CommandLine::Invocation CommandLine::parse(const std::vector<std::string>& argum
             (name == "--json" ? invocation.json : invocation.help) = true;
             continue;
         }
-        const CommandSpec* spec = findCommand(invocation.command);
-        if (!spec || std::find(spec->options.begin(), spec->options.end(), name) == spec->options.end()) {
+        const CommandEntry* entry = findCommand(invocation.command);
+        if (!entry || std::find(entry->options.begin(), entry->options.end(), name) == entry->options.end()) {
             const auto where = invocation.command.empty() ? std::string() : " for '" + invocation.command + "'";
             throw UsageError("unknown option '" + argument + "'" + where, invocation.command);
         }
@@ -178,8 +178,8 @@ CommandLine::Invocation CommandLine::parse(const std::vector<std::string>& argum
         return invocation;
     if (invocation.command.empty())
         throw UsageError("no command given", "");
-    const CommandSpec* spec = findCommand(invocation.command);
-    if (invocation.arguments.size() != spec->argumentCount)
+    const CommandEntry* entry = findCommand(invocation.command);
+    if (invocation.arguments.size() != entry->argumentCount)
         throw UsageError("wrong number of arguments for '" + invocation.command + "'", invocation.command);
     if (invocation.command == "print" && invocation.printer.empty())
         throw UsageError("'print' needs --printer NAME", invocation.command);
@@ -188,10 +188,10 @@ CommandLine::Invocation CommandLine::parse(const std::vector<std::string>& argum
 
 std::string CommandLine::usage(const std::string& command)
 {
-    const CommandSpec* spec = findCommand(command);
-    if (!spec)
+    const CommandEntry* entry = findCommand(command);
+    if (!entry)
         return "Usage: kestrel-print [--json] COMMAND [ARGUMENTS]\n";
-    return std::string("Usage: kestrel-print ") + spec->synopsis + " [--json]\n";
+    return std::string("Usage: kestrel-print ") + entry->synopsis + " [--json]\n";
 }
 
 std::string CommandLine::toolHelp()
@@ -199,10 +199,10 @@ std::string CommandLine::toolHelp()
     std::string text = usage("")
         + "\nManages printers and prints PDF documents through the Kestrel print service\n"
           "(ru.zorv.print on the system bus).\n\nCommands:\n";
-    for (const auto& spec : commands()) {
-        std::string line = std::string("  ") + spec.synopsis;
+    for (const auto& entry : commands()) {
+        std::string line = std::string("  ") + entry.synopsis;
         line += line.size() < 34 ? std::string(34 - line.size(), ' ') : "\n" + std::string(34, ' ');
-        text += line + spec.summary + "\n";
+        text += line + entry.summary + "\n";
     }
     return text
         + "\nOptions:\n"
@@ -214,12 +214,12 @@ std::string CommandLine::toolHelp()
 
 std::string CommandLine::commandHelp(const std::string& command)
 {
-    const CommandSpec* spec = findCommand(command);
-    if (!spec)
+    const CommandEntry* entry = findCommand(command);
+    if (!entry)
         return toolHelp();
-    std::string summary = spec->summary;
+    std::string summary = entry->summary;
     summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
-    return usage(command) + "\n" + summary + ".\n\n" + spec->details;
+    return usage(command) + "\n" + summary + ".\n\n" + entry->details;
 }
 
 } // namespace Kestrel::Client
