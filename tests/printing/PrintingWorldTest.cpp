@@ -28,12 +28,16 @@ public:
     ~PrintClient() { unregisterProxy(); }
 };
 
-// Documents the simulated printer has kept so far.
+// Documents the simulated printer has kept so far; a job still arriving
+// is a .prn file until it is complete.
 std::vector<fs::path> printedDocuments()
 {
     std::vector<fs::path> documents;
-    for (const auto& name : World::printedDocuments())
-        documents.push_back(fs::path(World::printerSpool()) / name);
+    for (const auto& name : World::printedDocuments()) {
+        const auto path = fs::path(World::printerSpool()) / name;
+        if (path.extension() == ".pdf")
+            documents.push_back(path);
+    }
     return documents;
 }
 
@@ -139,7 +143,7 @@ TEST_F(PrintingWorldTest, TenClientsPrintingAtOnceOnTwoPrintersAllGetThrough)
         thread.join();
     EXPECT_THAT(failures, ::testing::Each(""));
     ASSERT_TRUE(waitFor([] { return printedDocuments().size() >= 10; }, std::chrono::seconds(120)));
-    EXPECT_EQ(printedDocuments().size(), 10u);
+    EXPECT_EQ(printedDocuments().size(), 10u) << ::testing::PrintToString(World::printedDocuments());
 }
 
 } // namespace
