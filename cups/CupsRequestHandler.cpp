@@ -3,6 +3,7 @@
 #include "support/Diagnostics.h"
 
 #include <stdexcept>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace Kestrel::Private {
@@ -11,6 +12,17 @@ namespace {
 
 constexpr int RemoteTimeoutMs = 30000;
 constexpr size_t UriBufferSize = 1024;
+
+// Between requests nothing may arrive on the socket, so readable means the
+// peer has hung up.
+bool closedByPeer(http_t* http)
+{
+    pollfd watched{httpGetFd(http), POLLIN, 0};
+    if (poll(&watched, 1, 0) <= 0)
+        return false;
+    char byte;
+    return recv(watched.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
+}
 
 void warnAlreadyConnected()
 {
@@ -174,6 +186,10 @@ void CupsRequestHandler::executePrintFileRequest(std::string_view path)
 void CupsRequestHandler::execute(const char* resource, const char* file)
 {
     pendingRequest(request);
+    // The scheduler drops kept-alive connections it considers idle, and
+    // libcups only notices once the request has been lost on the dead socket.
+    if (connection && closedByPeer(connection.get()))
+        httpReconnect2(connection.get(), RemoteTimeoutMs, nullptr);
     // The library frees the request whatever the outcome.
     ipp_t* sent = request.release();
     ipp_t* result = file ? cupsDoFileRequest(connection.get(), sent, resource, file)

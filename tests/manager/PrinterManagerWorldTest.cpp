@@ -101,7 +101,8 @@ TEST_F(PrinterManagerWorldTest, AddingTheSimulatedPrinterMakesAnEnabledDriverles
     EXPECT_EQ(queues.at(queue).deviceUri, printerUri);
     EXPECT_EQ(queues.at(queue).state, "3");
     EXPECT_EQ(queues.at(queue).accepting, "true");
-    EXPECT_THAT(queues.at(queue).makeAndModel, HasSubstr("IPP Everywhere"));
+    ASSERT_TRUE(World::waitUntilQueuesReady());
+    EXPECT_THAT(queueDetails()[queue].makeAndModel, HasSubstr("IPP Everywhere"));
 
     ASSERT_TRUE(waitForSaved(1));
     EXPECT_EQ(client->savedPrintersSignals().front(), Names{"Office"});
@@ -119,13 +120,14 @@ TEST_F(PrinterManagerWorldTest, AddingTheSimulatedPrinterMakesAnEnabledDriverles
 TEST_F(PrinterManagerWorldTest, UsbPrinterIsCreatedFromItsPpdOrRefusedWithoutOne)
 {
     const std::string uri = "usb://HP/Laser-Jet%201020?serial=7";
+    const std::string ppd = "/usr/share/cups/model/LASERJET1020.ppd";
+    World::removeFile(ppd);
     EXPECT_EQ(errorOf([&] { client->addPrinter(uri, "Laser", {}); }), "no PPD file for printer Laser-Jet1020");
     EXPECT_THAT(daemon.stderrText(), HasSubstr("ERROR: : no PPD file for printer Laser-Jet1020\n"));
     EXPECT_TRUE(queueDetails().empty());
     EXPECT_TRUE(registryRows().empty());
 
-    std::filesystem::copy_file("/usr/share/ppd/cupsfilters/Generic-PDF_Printer-PDF.ppd",
-                               "/usr/share/cups/model/LASERJET1020.ppd");
+    std::filesystem::copy_file("/usr/share/ppd/cupsfilters/Generic-PDF_Printer-PDF.ppd", ppd);
     client->addPrinter(uri, "Laser", {});
     const auto queues = queueDetails();
     ASSERT_EQ(queues.size(), 1u);
@@ -157,6 +159,7 @@ TEST_F(PrinterManagerWorldTest, RenameKeepsTheQueueAndRefusesEmptyOrTakenNames)
 {
     client->addPrinter(printerUri, "Office", {});
     client->addPrinter(printerUri, "Home", {});
+    ASSERT_TRUE(World::waitUntilQueuesReady());
     const auto queue = registryRows().front().first;
 
     client->renamePrinter("Office", "Lab");
@@ -178,6 +181,7 @@ TEST_F(PrinterManagerWorldTest, RenameKeepsTheQueueAndRefusesEmptyOrTakenNames)
 TEST_F(PrinterManagerWorldTest, AttributesReportTheSimulatedPrintersCapabilities)
 {
     client->addPrinter(printerUri, "Office", {});
+    ASSERT_TRUE(World::waitUntilQueuesReady());
     const auto attributes = client->getPrinterAttributes("Office");
     for (const char* name : {"media-supported", "sides-supported", "print-color-mode-supported",
                              "orientation-requested-supported"}) {
@@ -197,6 +201,7 @@ TEST_F(PrinterManagerWorldTest, AttributesReportTheSimulatedPrintersCapabilities
 TEST_F(PrinterManagerWorldTest, RemovingTheLastPrinterDeletesQueueAndRowAndSignalsAnEmptyList)
 {
     client->addPrinter(printerUri, "Office", {});
+    ASSERT_TRUE(World::waitUntilQueuesReady());
     client->removePrinter("Office");
     EXPECT_TRUE(queueDetails().empty());
     EXPECT_TRUE(registryRows().empty());

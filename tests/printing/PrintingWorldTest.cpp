@@ -50,6 +50,7 @@ protected:
         ASSERT_TRUE(logService.start());
         ASSERT_TRUE(daemon.start());
         PrinterManagerClient().addPrinter(World::printerUri(), "Office", {});
+        ASSERT_TRUE(World::waitUntilQueuesReady());
         documents = fs::path(World::dir()) / "documents";
         fs::remove_all(documents);
         fs::create_directories(documents);
@@ -126,6 +127,7 @@ TEST_F(PrintingWorldTest, RefusedJobsExplainThemselvesAndKeepTheCallersFiles)
 TEST_F(PrintingWorldTest, TenClientsPrintingAtOnceOnTwoPrintersAllGetThrough)
 {
     PrinterManagerClient().addPrinter(World::printerUri(), "Home", {});
+    ASSERT_TRUE(World::waitUntilQueuesReady());
     std::vector<std::thread> clients;
     std::vector<std::string> failures(10);
     for (int i = 0; i < 10; ++i) {

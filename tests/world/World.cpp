@@ -170,6 +170,16 @@ void World::startScheduler()
         throw std::runtime_error("cupsd did not start:\n" + readFile(dir() + "/cupsd.log"));
 }
 
+bool World::waitUntilQueuesReady()
+{
+    return waitFor([] {
+        const auto queues = cupsQueues();
+        return std::none_of(queues.begin(), queues.end(), [](const std::string& queue) {
+            return shell("lpoptions -p '" + queue + "'").find("Local Raw Printer") != std::string::npos;
+        });
+    });
+}
+
 std::vector<std::string> World::cupsQueues()
 {
     std::vector<std::string> queues;

@@ -57,6 +57,9 @@ public:
     static void startScheduler();
 
     static std::vector<std::string> cupsQueues();
+    // The scheduler fills in a driverless queue from the printer in the
+    // background; until then it is a raw queue. True once no queue is.
+    static bool waitUntilQueuesReady();
     // Names of the files the simulated printer has received, sorted.
     static std::vector<std::string> printedDocuments();
 
