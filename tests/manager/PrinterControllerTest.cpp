@@ -2,7 +2,8 @@
 
 #include "support/CurlInterface.h"
 #include "support/DatabaseManager.h"
-#include "tests/mocks/ServiceMocks.h"
+#include "tests/common/FailureText.h"
+#include "tests/common/ServiceMocks.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,16 +36,6 @@ protected:
     }
     void TearDown() override { std::filesystem::remove_all(directory); }
 
-    // Throws what the controller threw, so tests compare the exact text.
-    std::string failureOf(const std::function<void()>& call)
-    {
-        try {
-            call();
-        } catch (const std::exception& error) {
-            return error.what();
-        }
-        return "<no exception>";
-    }
 
     std::filesystem::path directory;
     std::shared_ptr<StrictMock<MockCupsRequestHandler>> handler = std::make_shared<StrictMock<MockCupsRequestHandler>>();

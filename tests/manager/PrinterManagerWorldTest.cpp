@@ -1,3 +1,4 @@
+#include "tests/common/FailureText.h"
 #include "tests/world/World.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -11,6 +12,11 @@
 
 using namespace Kestrel::Test;
 using ::testing::HasSubstr;
+
+static std::string errorOf(const std::function<void()>& call)
+{
+    return busErrorOf("ru.zorv.PrinterManager.Error", call);
+}
 
 namespace {
 
@@ -65,17 +71,6 @@ protected:
         client = std::make_unique<PrinterManagerClient>();
     }
 
-    // The bus error's name and text, or "<none>" when the call succeeded.
-    std::string errorOf(const std::function<void()>& call)
-    {
-        try {
-            call();
-        } catch (const sdbus::Error& error) {
-            EXPECT_EQ(error.getName(), "ru.zorv.PrinterManager.Error");
-            return error.getMessage();
-        }
-        return "<none>";
-    }
 
     bool waitForSaved(size_t count)
     {

@@ -2,7 +2,8 @@
 
 #include "printing/PrintOptions.h"
 #include "support/DatabaseManager.h"
-#include "tests/mocks/ServiceMocks.h"
+#include "tests/common/FailureText.h"
+#include "tests/common/ServiceMocks.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,15 +35,7 @@ protected:
     }
     void TearDown() override { std::filesystem::remove_all(directory); }
 
-    std::string failureOf(const std::function<void()>& call)
-    {
-        try {
-            call();
-        } catch (const std::exception& error) {
-            return error.what();
-        }
-        return "<no exception>";
-    }
+
 
     void expectJobAccepted()
     {

@@ -1,3 +1,4 @@
+#include "tests/common/FailureText.h"
 #include "tests/printing/PdfDocument.h"
 #include "tests/world/World.h"
 
@@ -13,6 +14,11 @@
 using namespace Kestrel::Test;
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
+
+static std::string errorOf(const std::function<void()>& call)
+{
+    return busErrorOf("ru.zorv.PrintingService.Error", call);
+}
 
 namespace {
 
@@ -57,16 +63,7 @@ protected:
         client = std::make_unique<PrintClient>();
     }
 
-    std::string errorOf(const std::function<void()>& call)
-    {
-        try {
-            call();
-        } catch (const sdbus::Error& error) {
-            EXPECT_EQ(error.getName(), "ru.zorv.PrintingService.Error");
-            return error.getMessage();
-        }
-        return "<none>";
-    }
+
 
     std::string document(const std::string& relative, int pages)
     {
