@@ -14,7 +14,6 @@
 using namespace Kestrel::Private;
 using namespace Kestrel::Test;
 using ::testing::_;
-using ::testing::HasSubstr;
 using ::testing::InSequence;
 using ::testing::NiceMock;
 using ::testing::Return;
@@ -108,29 +107,6 @@ TEST_F(PrinterControllerTest, UsbModelIsLookedUpWithoutHyphensInUpperCase)
     controller->addPrinter("usb://HP/Laser-Jet%201020?serial=42", "Laser", {});
 }
 
-TEST_F(PrinterControllerTest, UsbModelWithoutPpdFailsBeforeAnythingIsExecuted)
-{
-    EXPECT_CALL(*system, fileExists("/usr/share/cups/model/LASERJET1020.ppd")).WillOnce(Return(false));
-    EXPECT_CALL(*handler, connect());
-    EXPECT_CALL(*handler, prepareRequest(_, _));
-    EXPECT_CALL(*handler, addString(_, _, _, _)).Times(2);
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(failureOf([&] { controller->addPrinter("usb://HP/Laser-Jet%201020?serial=42", "Laser", {}); }),
-              "no PPD file for printer Laser-Jet1020");
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("ERROR: : no PPD file for printer Laser-Jet1020\n"));
-    EXPECT_TRUE(database->getUserNames().empty());
-}
-
-TEST_F(PrinterControllerTest, UnknownUserAmongKnownOnesStopsBeforeCups)
-{
-    EXPECT_CALL(*system, userExists("root")).WillOnce(Return(true));
-    EXPECT_CALL(*system, userExists("ghost")).WillOnce(Return(false));
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(failureOf([&] { controller->addPrinter("ipp://127.0.0.1/ipp/print", "Office", {"root", "ghost", "x"}); }),
-              "user ghost doesn't exists");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "ERROR: : user ghost doesn't exists\n");
-}
-
 TEST_F(PrinterControllerTest, UnparsableUriFailsWithTheParserMessage)
 {
     EXPECT_EQ(failureOf([&] { controller->addPrinter("lpd://10.0.0.5/queue", "Office", {}); }),
@@ -164,31 +140,6 @@ TEST_F(PrinterControllerTest, RemovalRejectedByCupsKeepsTheRow)
     EXPECT_EQ(database->getCupsName("Office"), "uuid-1");
 }
 
-TEST_F(PrinterControllerTest, QueueGoneBehindOurBackIsReportedWithBothNames)
-{
-    database->insert("uuid-1", "Office");
-    EXPECT_CALL(*cups, destinationExists(_)).WillRepeatedly(Return(false));
-    const std::string expected = "printer with user_name 'Office' and cups_name 'uuid-1' doesn't exist.";
-    EXPECT_EQ(failureOf([&] { controller->removePrinter("Office"); }), expected);
-    EXPECT_EQ(failureOf([&] { controller->getPrinterAttributes("Office"); }), expected);
-}
-
-TEST_F(PrinterControllerTest, RenamingToTheSameNameOnlyWarns)
-{
-    database->insert("uuid-1", "Office");
-    ::testing::internal::CaptureStdout();
-    controller->renamePrinter("Office", "Office");
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "WARNING: : new name and old name match. Nothing to be done.\n");
-
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(failureOf([&] { controller->renamePrinter("", ""); }), "no old name or new name provided");
-    EXPECT_EQ(failureOf([&] { controller->renamePrinter("Office", ""); }), "no old name or new name provided");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-
-    controller->renamePrinter("Office", "Lab");
-    EXPECT_EQ(database->getCupsName("Lab"), "uuid-1");
-}
-
 TEST_F(PrinterControllerTest, AttributesAskForTheFourCapabilities)
 {
     database->insert("uuid-1", "Office");
@@ -206,14 +157,6 @@ TEST_F(PrinterControllerTest, AttributesAskForTheFourCapabilities)
         EXPECT_CALL(*handler, getAttributes(wanted)).WillOnce(Return(reply));
     }
     EXPECT_EQ(controller->getPrinterAttributes("Office"), reply);
-}
-
-TEST_F(PrinterControllerTest, FailedDiscoveryYieldsAnEmptyMapAndAnErrorLine)
-{
-    EXPECT_CALL(*cups, getDevices()).WillOnce(Throw(std::runtime_error("scheduler gone")));
-    ::testing::internal::CaptureStderr();
-    EXPECT_TRUE(controller->getAccessiblePrinters().empty());
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "ERROR: : scheduler gone\n");
 }
 
 TEST_F(PrinterControllerTest, DiscoveryKeepsOnlySupportedSchemes)

@@ -117,21 +117,6 @@ TEST_F(PrintControllerTest, NonAsciiPathIsPrintedFromAUuidCopyWithTheSameExtensi
     EXPECT_THAT(copy, MatchesRegex("/tmp/[0-9a-f-]{36}"));
 }
 
-TEST_F(PrintControllerTest, LookupAndFileFailuresCarryTheirOwnTexts)
-{
-    EXPECT_CALL(*cups, destinationExists(std::string_view(""))).WillOnce([](std::string_view) -> bool {
-        throw std::runtime_error("cups_name is empty");
-    });
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Nobody", {}); }), "cups_name is empty");
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "", {}); }), "invalid argument");
-    EXPECT_CALL(*system, fileExists(_)).WillRepeatedly(Return(true));
-    EXPECT_CALL(*system, fileExists("/tmp/missing.pdf")).WillOnce(Return(false));
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/missing.pdf", "Office", {}); }),
-              "file /tmp/missing.pdf doesn't exist.");
-    EXPECT_CALL(*cups, destinationExists(std::string_view("uuid-1"))).WillOnce(Return(false));
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {}); }), "printer uuid-1 doesn't exist.");
-}
-
 TEST_F(PrintControllerTest, DocumentVanishingBeforeSendDocumentKeepsTheMissingBlank)
 {
     EXPECT_CALL(*system, fileExists("/tmp/d.pdf")).WillOnce(Return(true)).WillOnce(Return(false));
