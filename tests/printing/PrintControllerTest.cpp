@@ -4,16 +4,20 @@
 #include "support/DatabaseManager.h"
 #include "tests/common/FailureText.h"
 #include "tests/common/ServiceMocks.h"
+#include "tests/cups/IppRecordingServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 using namespace Kestrel::Private;
 using namespace Kestrel::Test;
+using Attribute = Kestrel::Test::IppRecordingServer::Attribute;
+using Kestrel::Test::IppRecordingServer;
 using ::testing::_;
-using ::testing::InSequence;
+using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
 using ::testing::NiceMock;
 using ::testing::Return;
@@ -55,30 +59,50 @@ protected:
     std::unique_ptr<PrintController> controller;
 };
 
-TEST_F(PrintControllerTest, JobCarriesOptionsInNameOrderThenTheFixedOnesThenTheDocument)
+TEST(PrintJobOnTheWire, CreateJobCarriesOptionsInNameOrderThenTheFixedOnesAndSendDocumentFollows)
 {
-    const std::string pdf = "/tmp/doc.pdf";
-    {
-        InSequence order;
-        EXPECT_CALL(*handler, prepareRequest("uuid-1", IPP_OP_CREATE_JOB));
-        EXPECT_CALL(*handler, addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, std::string_view("copies"), std::string_view("2")));
-        EXPECT_CALL(*handler, addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, std::string_view("sides"),
-                                        std::string_view("two-sided-long-edge")));
-        EXPECT_CALL(*handler, addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, std::string_view("pdfAutoRotate"),
-                                        std::string_view("false")));
-        EXPECT_CALL(*handler, addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, std::string_view("pdftopdfAutoRotate"),
-                                        std::string_view("false")));
-        EXPECT_CALL(*handler, executePrintFileRequest(std::string_view(pdf)));
-        EXPECT_CALL(*handler, getInteger(std::string_view("job-id"))).WillOnce(Return(42));
-        EXPECT_CALL(*handler, prepareRequest("uuid-1", IPP_OP_SEND_DOCUMENT));
-        EXPECT_CALL(*handler, addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, std::string_view("job-id"), 42));
-        EXPECT_CALL(*handler, addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, std::string_view("document-format"),
-                                        std::string_view("application/pdf")));
-        EXPECT_CALL(*handler, addBoolean(IPP_TAG_OPERATION, std::string_view("last-document"), true));
-        EXPECT_CALL(*handler, executePrintFileRequest(std::string_view(pdf)));
-        EXPECT_CALL(*system, removeFile(pdf));
-    }
-    controller->print(pdf, "Office", {{"sides", "two-sided-long-edge"}, {"copies", "2"}});
+    IppRecordingServer server;
+    server.setReply(IPP_OP_CREATE_JOB, {IPP_STATUS_OK, {{IPP_TAG_JOB, IPP_TAG_INTEGER, "job-id", {"42"}}}});
+    // The printing path uses libcups' default connection, which follows this.
+    cupsSetServer(server.address().c_str());
+    const auto directory = std::filesystem::temp_directory_path() / ("kestrel-wire-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(directory);
+    auto database = std::make_shared<DatabaseManager>(directory.string());
+    database->insert("uuid-1", "Office");
+    auto cups = std::make_shared<NiceMock<MockCupsInterface>>();
+    ON_CALL(*cups, destinationExists(_)).WillByDefault(Return(true));
+    const auto pdf = (directory / "doc.pdf").string();
+    std::ofstream(pdf) << "%PDF-1.4 stand-in";
+
+    PrintController(std::make_shared<CupsRequestHandler>(), cups, std::make_shared<SystemInterface>(), database)
+        .print(pdf, "Office", {{"sides", "two-sided-long-edge"}, {"copies", "2"}});
+    cupsSetServer(nullptr);
+
+    const auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 2u);
+    const auto& create = requests[0];
+    EXPECT_EQ(create.operation, IPP_OP_CREATE_JOB);
+    EXPECT_EQ(create.resource, "/ipp/print");
+    ASSERT_EQ(create.attributes.size(), 8u);
+    EXPECT_EQ(create.attributes[2].values, std::vector<std::string>{"ipp://localhost/printers/uuid-1"});
+    EXPECT_THAT(std::vector<Attribute>(create.attributes.begin() + 4, create.attributes.end()),
+                ElementsAre(Attribute{IPP_TAG_JOB, IPP_TAG_KEYWORD, "copies", {"2"}},
+                            Attribute{IPP_TAG_JOB, IPP_TAG_KEYWORD, "sides", {"two-sided-long-edge"}},
+                            Attribute{IPP_TAG_JOB, IPP_TAG_KEYWORD, "pdfAutoRotate", {"false"}},
+                            Attribute{IPP_TAG_JOB, IPP_TAG_KEYWORD, "pdftopdfAutoRotate", {"false"}}));
+    EXPECT_EQ(create.document, "%PDF-1.4 stand-in");
+
+    const auto& send = requests[1];
+    EXPECT_EQ(send.operation, IPP_OP_SEND_DOCUMENT);
+    EXPECT_EQ(send.resource, "/ipp/print");
+    ASSERT_EQ(send.attributes.size(), 7u);
+    EXPECT_THAT(std::vector<Attribute>(send.attributes.begin() + 4, send.attributes.end()),
+                ElementsAre(Attribute{IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", {"42"}},
+                            Attribute{IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", {"application/pdf"}},
+                            Attribute{IPP_TAG_OPERATION, IPP_TAG_BOOLEAN, "last-document", {"true"}}));
+    EXPECT_EQ(send.document, "%PDF-1.4 stand-in");
+    EXPECT_FALSE(std::filesystem::exists(pdf));
+    std::filesystem::remove_all(directory);
 }
 
 TEST_F(PrintControllerTest, UnknownOptionIsReportedWithTheSupportedListAndNothingIsSent)
