@@ -1,0 +1,209 @@
+#!/usr/bin/env bash
+# One session with the kestrel-print client, run by scripts/demo.sh inside
+# the test world: starts the system-log stand-in and the daemon, then finds,
+# adds, inspects, prints to, renames and removes a printer. Every command is
+# shown as typed, followed by its output. Any failed step ends the session
+# with a non-zero status and the service logs.
+set -euo pipefail
+
+if [ $# -ne 2 ] || [ -z "${KESTREL_WORLD_DIR:-}" ]; then
+    echo "usage: tests/world/run-in-world.sh $0 BUILD-DIR PIDNS-FILE" >&2
+    exit 2
+fi
+build=$1
+pidns_file=$2
+
+# The caller checks afterwards that nothing of this pid namespace survived.
+readlink /proc/self/ns/pid >"$pidns_file"
+
+export PATH=$build/client:$PATH
+daemon_log=$KESTREL_WORLD_DIR/kestrel-printd.log
+events=$KESTREL_WORLD_DIR/system-log.events
+documents=$KESTREL_WORLD_DIR/documents
+output=$KESTREL_WORLD_DIR/last-output
+
+fail() {
+    echo >&2
+    echo "demo: FAILED: $*" >&2
+    local log
+    for log in "$daemon_log" "$KESTREL_WORLD_DIR/system-log.log" /var/log/cups/error_log; do
+        [ -s "$log" ] || continue
+        echo "--- $log (last lines)" >&2
+        tail -n 20 "$log" >&2
+    done
+    exit 1
+}
+
+# Polls COMMAND every 50 ms until it succeeds, for at most SECONDS.
+wait_for() {
+    local what=$1 seconds=$2 attempt
+    shift 2
+    for attempt in $(seq $((seconds * 20))); do
+        "$@" >/dev/null && return 0
+        sleep 0.05
+    done
+    fail "$what (waited ${seconds}s)"
+}
+
+# The command line as one would type it.
+typed() {
+    local word line=""
+    for word in "$@"; do
+        [[ $word =~ ^[A-Za-z0-9_./:=?@%+-]+$ ]] || word="\"$word\""
+        line+=" $word"
+    done
+    echo "\$${line}"
+}
+
+# Shows a command, runs it, shows its output (also kept in $output); a
+# failure ends the demo.
+show() {
+    echo
+    typed "$@"
+    local status=0
+    "$@" >"$output" 2>&1 || status=$?
+    cat "$output"
+    [ "$status" -eq 0 ] || fail "'$*' exited with status $status"
+}
+
+note() {
+    echo
+    echo "# $*"
+}
+
+name_owned() {
+    busctl --system call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus \
+        NameHasOwner s "$1" 2>/dev/null | grep -qx 'b true'
+}
+
+# Writes a small valid PDF of PAGES A4 pages, each saying which page it is.
+write_pdf() {
+    local file=$1 pages=$2
+    local LC_ALL=C
+    local -a offsets
+    local body="%PDF-1.4"$'\n' kids="" i page content font=$((3 + 2 * pages))
+    for ((i = 0; i < pages; i++)); do
+        kids+="$((3 + 2 * i)) 0 R "
+    done
+    add_object() {
+        offsets+=("${#body}")
+        body+="$1 0 obj"$'\n'"$2"$'\n'"endobj"$'\n'
+    }
+    add_object 1 "<< /Type /Catalog /Pages 2 0 R >>"
+    add_object 2 "<< /Type /Pages /Kids [ ${kids}] /Count $pages >>"
+    for ((i = 1; i <= pages; i++)); do
+        page=$((1 + 2 * i))
+        content=$((page + 1))
+        local text="BT /F1 28 Tf 72 760 Td (Kestrel demo: page $i of $pages) Tj ET"
+        add_object "$page" "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents $content 0 R /Resources << /Font << /F1 $font 0 R >> >> >>"
+        add_object "$content" "<< /Length ${#text} >>"$'\n'"stream"$'\n'"$text"$'\n'"endstream"
+    done
+    add_object "$font" "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"
+    local xref=${#body} count=$((font + 1))
+    body+="xref"$'\n'"0 $count"$'\n'"0000000000 65535 f "$'\n'
+    for i in "${offsets[@]}"; do
+        body+=$(printf '%010d 00000 n ' "$i")$'\n'
+    done
+    body+="trailer"$'\n'"<< /Size $count /Root 1 0 R >>"$'\n'"startxref"$'\n'"$xref"$'\n'"%%EOF"$'\n'
+    printf '%s' "$body" >"$file"
+}
+
+# Complete documents the simulated printer has received.
+printed_documents() {
+    local file
+    for file in "$KESTREL_PRINTER_SPOOL"/*.pdf; do
+        [ -f "$file" ] && qpdf --check "$file" >/dev/null 2>&1 && echo "$file"
+    done
+    return 0
+}
+
+has_printed() {
+    [ -n "$(printed_documents)" ]
+}
+
+echo "=== services"
+"$build/tests/world/kestrel-test-syslog" "$events" >"$KESTREL_WORLD_DIR/system-log.log" 2>&1 &
+wait_for "the system-log stand-in did not take ru.quentis.SystemLogs" 10 name_owned ru.quentis.SystemLogs
+echo "system-log stand-in owns ru.quentis.SystemLogs (events go to $events)"
+
+"$build/kestrel-printd" >"$daemon_log" 2>&1 &
+daemon=$!
+daemon_up() {
+    kill -0 "$daemon" 2>/dev/null || fail "kestrel-printd exited at start"
+    name_owned ru.zorv.print
+}
+wait_for "kestrel-printd did not take ru.zorv.print" 10 daemon_up
+echo "kestrel-printd (pid $daemon in the world) owns ru.zorv.print on the system bus"
+
+# The world's own discovery reports the simulated printer only as a raw
+# socket device, whose derived address ipp://127.0.0.1 carries no queue
+# path, while the printer serves /ipp/print alone. A network discovery
+# backend reports such a printer under its full URI, as this one does. It
+# goes into the world's own backend directory, never the machine's.
+backends=/usr/lib/cups/backend
+[ "$(findmnt -n -o FSTYPE --target "$backends")" = tmpfs ] \
+    || fail "$backends is not the test world's own directory"
+{
+    echo '#!/bin/sh'
+    echo '# Discovery only: the simulated IPP Everywhere printer of the demo.'
+    echo '[ $# -eq 0 ] || exit 1'
+    echo "echo 'network $KESTREL_PRINTER_URI \"Kestrel Test Printer\" \"Kestrel Test Printer (IPP Everywhere)\" \"MFG:Maker;MDL:Model;CMD:PDF;\" \"\"'"
+} >"$backends/kestrel-demo-network"
+chmod 0755 "$backends/kestrel-demo-network"
+echo "discovery also reports the simulated printer as $KESTREL_PRINTER_URI"
+
+echo
+echo "=== a session with kestrel-print"
+note "Which printers can be added?"
+show kestrel-print scan
+show kestrel-print --json scan
+uri=$(grep -o '"ipp://[^"]*":"Kestrel Test Printer"' "$output" | head -n 1 | cut -d '"' -f 2)
+[ -n "$uri" ] || fail "the scan did not find the Kestrel Test Printer under an ipp:// URI"
+note "The Kestrel Test Printer is a driverless IPP printer at $uri; save it as Office."
+show kestrel-print add "$uri" Office
+show kestrel-print list
+grep -qx Office "$output" || fail "Office is not in the list"
+note "CUPS knows the queue only by its UUID name:"
+show lpstat -v
+queue=$(sed -n 's/^device for \([0-9a-f-]*\): .*/\1/p' "$output")
+[[ $queue =~ ^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$ ]] \
+    || fail "the CUPS queue is not named by a UUID: '$queue'"
+note "What Office can do, as its driverless queue reports it:"
+show kestrel-print attributes Office
+grep -q '^media-supported' "$output" || fail "no media-supported among the attributes of Office"
+
+note "A two-page PDF to print:"
+mkdir -p "$documents"
+cd "$documents"
+write_pdf report.pdf 2
+qpdf --check report.pdf >/dev/null || fail "the demo's own PDF is not valid"
+show qpdf --show-npages report.pdf
+show kestrel-print print report.pdf --printer Office -o media=iso_a4_210x297mm
+[ ! -e report.pdf ] || fail "the service kept report.pdf after printing it"
+note "The service deleted report.pdf once the job was handed over. At the printer:"
+wait_for "no complete PDF reached the simulated printer" 60 has_printed
+[ "$(printed_documents | wc -l)" -eq 1 ] || fail "the printer received more than one document"
+received=$(printed_documents)
+pages=$(qpdf --show-npages "$received")
+echo "received: $(basename "$received"), $pages pages"
+[ "$pages" -eq 2 ] || fail "the printer received $pages pages instead of 2"
+
+note "Rename and remove:"
+show kestrel-print rename Office "Front Desk"
+show kestrel-print list
+grep -qx "Front Desk" "$output" || fail "Front Desk is not in the list"
+show kestrel-print remove "Front Desk"
+show kestrel-print list
+[ "$(kestrel-print --json list)" = "[]" ] || fail "the list is not empty after the removal"
+echo
+typed lpstat -v
+lpstat -v 2>&1 | tee "$output" || true
+! grep -qF "$queue" "$output" || fail "the CUPS queue $queue is still there"
+note "What the service told the system log:"
+show cat "$events"
+grep -q 'printer-added' "$events" || fail "no printer-added event was logged"
+grep -q 'printer-removed' "$events" || fail "no printer-removed event was logged"
+
+kill -0 "$daemon" 2>/dev/null || fail "kestrel-printd is no longer running"
+echo
+echo "=== session complete; the world and its services end now"
