@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "tests/client/ClientProcess.h"
-#include "tests/world/World.h"
+#include "tests/world/RunningServiceTest.h"
 
 using namespace Kestrel::Test;
 using nlohmann::json;
@@ -90,16 +90,8 @@ json parsed(const ClientProcess::Result& result)
     }
 }
 
-class ClientTest : public testing::Test {
+class ClientTest : public RunningServiceTest {
 protected:
-    void SetUp() override
-    {
-        KESTREL_REQUIRE_WORLD();
-        World::reset();
-        ASSERT_TRUE(systemLog.start());
-        ASSERT_TRUE(daemon.start()) << daemon.stderrText();
-    }
-
     static ClientProcess::Result client(const std::vector<std::string>& arguments, const std::string& directory = "")
     {
         return ClientProcess::run(arguments, directory);
@@ -111,8 +103,6 @@ protected:
         ASSERT_EQ(result.exitCode, 0) << result.err;
     }
 
-    SystemLogService systemLog;
-    DaemonProcess daemon;
 };
 
 TEST_F(ClientTest, ListPrintsSavedPrintersOnePerLineOrAsJsonArray)

@@ -8,12 +8,14 @@
 
 namespace Kestrel::Test {
 
-// What the call threw, as text, so tests compare messages byte for byte.
-inline std::string failureOf(const std::function<void()>& call)
+// What the call threw, as text, so tests compare messages byte for byte;
+// an exception of another kind than the one named escapes and fails the test.
+template <typename Exception = std::exception>
+std::string failureOf(const std::function<void()>& call)
 {
     try {
         call();
-    } catch (const std::exception& error) {
+    } catch (const Exception& error) {
         return error.what();
     }
     return "<no exception>";

@@ -1,4 +1,5 @@
 #include "cups/CupsRequestHandler.h"
+#include "tests/common/FailureText.h"
 #include "tests/cups/IppRecordingServer.h"
 
 #include <gmock/gmock.h>
@@ -9,6 +10,7 @@
 
 using Kestrel::Private::CupsRequestHandler;
 using Kestrel::Test::IppRecordingServer;
+using Kestrel::Test::failureOf;
 using Attribute = IppRecordingServer::Attribute;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -16,17 +18,6 @@ using testing::HasSubstr;
 namespace {
 
 const std::string AlreadyConnected = "WARNING: : connection with CUPS server already established.\n";
-
-template <typename Exception, typename Call>
-std::string messageOf(Call call)
-{
-    try {
-        call();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "<no exception>";
-}
 
 class CupsRequestHandlerTest : public testing::Test {
 protected:
@@ -141,7 +132,7 @@ TEST_F(CupsRequestHandlerTest, FailedConnectRemoteKeepsThePreviousConnection)
         deadPort = closed.port();
     }
     handler.connectRemote("127.0.0.1", server.port());
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { handler.connectRemote("127.0.0.1", deadPort); }),
+    EXPECT_EQ(failureOf<std::runtime_error>([&] { handler.connectRemote("127.0.0.1", deadPort); }),
               "failed to establish connection with remote server.");
 
     handler.newRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
@@ -152,18 +143,18 @@ TEST_F(CupsRequestHandlerTest, FailedConnectRemoteKeepsThePreviousConnection)
 TEST_F(CupsRequestHandlerTest, EveryOperationNeedsItsPendingRequestOrResponse)
 {
     const std::string noRequest = "no pending requests prepared.";
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "n", "v"); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "n", "v"); }),
               noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.addInteger(IPP_TAG_JOB, IPP_TAG_INTEGER, "n", 1); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.addInteger(IPP_TAG_JOB, IPP_TAG_INTEGER, "n", 1); }),
               noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.addBoolean(IPP_TAG_PRINTER, "n", true); }), noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.addStrings(IPP_TAG_JOB, IPP_TAG_KEYWORD, "n", {"v"}); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.addBoolean(IPP_TAG_PRINTER, "n", true); }), noRequest);
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.addStrings(IPP_TAG_JOB, IPP_TAG_KEYWORD, "n", {"v"}); }),
               noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.executeAdminRequest(); }), noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.executePrintRequest(); }), noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.executePrintFileRequest("/dev/null"); }), noRequest);
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.getInteger("job-id"); }), "no response provided.");
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.getAttributes({"job-id"}); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executeAdminRequest(); }), noRequest);
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintRequest(); }), noRequest);
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintFileRequest("/dev/null"); }), noRequest);
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.getInteger("job-id"); }), "no response provided.");
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.getAttributes({"job-id"}); }),
               "no response provided.");
     EXPECT_TRUE(server.requests().empty());
 }
@@ -171,13 +162,13 @@ TEST_F(CupsRequestHandlerTest, EveryOperationNeedsItsPendingRequestOrResponse)
 TEST_F(CupsRequestHandlerTest, AttributeTheLibraryRefusesNamesItselfAndTheLibraryText)
 {
     handler.newRequest(IPP_OP_CREATE_JOB);
-    EXPECT_THAT(messageOf<std::runtime_error>([&] { handler.addStrings(IPP_TAG_JOB, IPP_TAG_KEYWORD, "sides", {}); }),
+    EXPECT_THAT(failureOf<std::runtime_error>([&] { handler.addStrings(IPP_TAG_JOB, IPP_TAG_KEYWORD, "sides", {}); }),
                 testing::StartsWith("failed to adjust CUPS attribute 'sides': "));
 }
 
 TEST_F(CupsRequestHandlerTest, OverlongQueueNameFailsToAssembleButKeepsTheRequest)
 {
-    EXPECT_EQ(messageOf<std::runtime_error>(
+    EXPECT_EQ(failureOf<std::runtime_error>(
                   [&] { handler.prepareRequest(std::string(1100, 'q'), IPP_OP_GET_PRINTER_ATTRIBUTES); }),
               std::string("error assembling printer uri: ") + httpURIStatusString(HTTP_URI_STATUS_OVERFLOW));
     handler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", "defaultuser");
@@ -194,21 +185,21 @@ TEST_F(CupsRequestHandlerTest, ConflictingStatusSucceedsAndClientErrorFailsWithT
     server.setReply({IPP_STATUS_ERROR_BAD_REQUEST,
                      {{IPP_TAG_PRINTER, IPP_TAG_KEYWORD, "sides-supported", {"one-sided"}}}});
     handler.newRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { handler.executePrintRequest(); }),
+    EXPECT_EQ(failureOf<std::runtime_error>([&] { handler.executePrintRequest(); }),
               "failed to execute request: client-error-bad-request");
     // The failed exchange still leaves its response, and the consumed
     // request is gone.
     EXPECT_THAT(handler.getAttributes({"sides-supported"})["sides-supported"], ElementsAre("one-sided"));
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.executePrintRequest(); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintRequest(); }),
               "no pending requests prepared.");
 }
 
 TEST_F(CupsRequestHandlerTest, MissingDocumentFailsAndEmptiesThePendingSlot)
 {
     handler.newRequest(IPP_OP_SEND_DOCUMENT);
-    EXPECT_THAT(messageOf<std::runtime_error>([&] { handler.executePrintFileRequest("/nonexistent/doc.pdf"); }),
+    EXPECT_THAT(failureOf<std::runtime_error>([&] { handler.executePrintFileRequest("/nonexistent/doc.pdf"); }),
                 testing::StartsWith("failed to execute request: "));
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.executePrintRequest(); }),
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintRequest(); }),
               "no pending requests prepared.");
 }
 
@@ -235,7 +226,7 @@ TEST_F(CupsRequestHandlerTest, ResponseValuesAreSplitAtCommasAndOnlyRequestedNam
     EXPECT_EQ(handler.getInteger("media-supported"), 0);
 
     handler.releaseResponse();
-    EXPECT_EQ(messageOf<std::invalid_argument>([&] { handler.getInteger("job-id"); }), "no response provided.");
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.getInteger("job-id"); }), "no response provided.");
 }
 
 class RecordingAddString : public CupsRequestHandler {

@@ -1,5 +1,5 @@
 #include "tests/common/FailureText.h"
-#include "tests/world/World.h"
+#include "tests/world/RunningServiceTest.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <cups/cups.h>
@@ -60,25 +60,21 @@ std::vector<std::pair<std::string, std::string>> registryRows()
     return rows;
 }
 
-class PrinterManagerWorldTest : public ::testing::Test {
+class PrinterManagerWorldTest : public RunningServiceTest {
 protected:
     void SetUp() override
     {
-        KESTREL_REQUIRE_WORLD();
-        World::reset();
-        ASSERT_TRUE(logService.start());
-        ASSERT_TRUE(daemon.start());
+        RunningServiceTest::SetUp();
+        if (!serviceUp())
+            return;
         client = std::make_unique<PrinterManagerClient>();
     }
-
 
     bool waitForSaved(size_t count)
     {
         return waitFor([&] { return client->savedPrintersSignals().size() >= count; });
     }
 
-    SystemLogService logService;
-    DaemonProcess daemon;
     std::unique_ptr<PrinterManagerClient> client;
 };
 

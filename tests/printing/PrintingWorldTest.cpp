@@ -1,6 +1,6 @@
 #include "tests/common/FailureText.h"
 #include "tests/printing/PdfDocument.h"
-#include "tests/world/World.h"
+#include "tests/world/RunningServiceTest.h"
 
 #include <ru/zorv/PrintingService_proxy.h>
 
@@ -47,14 +47,13 @@ std::vector<fs::path> printedDocuments()
     return documents;
 }
 
-class PrintingWorldTest : public ::testing::Test {
+class PrintingWorldTest : public RunningServiceTest {
 protected:
     void SetUp() override
     {
-        KESTREL_REQUIRE_WORLD();
-        World::reset();
-        ASSERT_TRUE(logService.start());
-        ASSERT_TRUE(daemon.start());
+        RunningServiceTest::SetUp();
+        if (!serviceUp())
+            return;
         PrinterManagerClient().addPrinter(World::printerUri(), "Office", {});
         ASSERT_TRUE(World::waitUntilQueuesReady());
         documents = fs::path(World::dir()) / "documents";
@@ -62,8 +61,6 @@ protected:
         fs::create_directories(documents);
         client = std::make_unique<PrintClient>();
     }
-
-
 
     std::string document(const std::string& relative, int pages)
     {
@@ -73,8 +70,6 @@ protected:
         return path.string();
     }
 
-    SystemLogService logService;
-    DaemonProcess daemon;
     std::unique_ptr<PrintClient> client;
     fs::path documents;
 };

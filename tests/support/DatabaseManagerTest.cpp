@@ -1,4 +1,5 @@
 #include "support/DatabaseManager.h"
+#include "tests/common/FailureText.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
@@ -8,6 +9,7 @@
 #include <stdexcept>
 
 using Kestrel::Private::DatabaseManager;
+using Kestrel::Test::failureOf;
 namespace fs = std::filesystem;
 
 namespace {
@@ -24,17 +26,6 @@ protected:
     void TearDown() override { fs::remove_all(scratch); }
 
     std::string file() const { return directory + "/printers.db"; }
-
-    template <typename Exception>
-    std::string messageOf(const std::function<void()>& call)
-    {
-        try {
-            call();
-        } catch (const Exception& error) {
-            return error.what();
-        }
-        return "<no exception>";
-    }
 
     fs::path scratch;
     std::string directory;
@@ -73,7 +64,7 @@ TEST_F(DatabaseManagerTest, InvalidFileIsRemovedByAFailingStartAndRecreatedByThe
                             "CREATE TABLE printers (id INTEGER);"
                             "INSERT INTO version VALUES (1, '9.9.9')"}) {
         corrupt(sql);
-        EXPECT_EQ(messageOf<std::runtime_error>([&] { DatabaseManager{directory}; }),
+        EXPECT_EQ(failureOf<std::runtime_error>([&] { DatabaseManager{directory}; }),
                   "failed to remove the invalid database" + file());
         EXPECT_FALSE(fs::exists(file()));
         DatabaseManager fresh(directory);
@@ -85,7 +76,7 @@ TEST_F(DatabaseManagerTest, InvalidFileIsRemovedByAFailingStartAndRecreatedByThe
 
 TEST_F(DatabaseManagerTest, DirectoryThatCannotBeCreatedFailsConstruction)
 {
-    EXPECT_EQ(messageOf<std::runtime_error>([&] { DatabaseManager{(scratch / "missing" / "print").string()}; }),
+    EXPECT_EQ(failureOf<std::runtime_error>([&] { DatabaseManager{(scratch / "missing" / "print").string()}; }),
               "failed to create the database directory: No such file or directory");
 }
 
@@ -102,7 +93,7 @@ TEST_F(DatabaseManagerTest, EmptyArgumentsAreRefusedBeforeTheFileIsTouched)
              [&] { registry.remove(""); },
              [&] { registry.getCupsName(""); },
          })
-        EXPECT_EQ(messageOf<std::invalid_argument>(call), "invalid argument");
+        EXPECT_EQ(failureOf<std::invalid_argument>(call), "invalid argument");
     EXPECT_EQ(fs::last_write_time(file()), before);
     EXPECT_EQ(registry.getUserNames(), std::vector<std::string>{"Office"});
 }
