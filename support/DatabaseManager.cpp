@@ -1,13 +1,20 @@
 #include "support/DatabaseManager.h"
 
-#include <SQLiteCpp/SQLiteCpp.h>
+#include "support/Diagnostics.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <sqlite3.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <system_error>
+#include <unistd.h>
 
 namespace Kestrel::Private {
 
@@ -16,18 +23,18 @@ namespace {
 const int openFlags = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE;
 const char* const versionRead = "SELECT value FROM version WHERE id=1";
 
+// Tables and version row commit together: a kill cannot leave tables without a version.
 void createSchema001(SQLite::Database& db)
 {
     SQLite::Transaction transaction(db);
     db.exec("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL)");
     db.exec("CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
             "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT))");
-    transaction.commit();
-
     SQLite::Statement write(db, "INSERT INTO version(id, value) VALUES(1,?) ON CONFLICT(id) DO UPDATE SET value=?");
     write.bind(1, "0.0.1");
     if (write.exec() == 0)
         throw std::runtime_error(db.getErrorMsg());
+    transaction.commit();
 }
 
 const std::map<std::string, std::vector<std::string>> expectedTables = {
@@ -41,6 +48,38 @@ const std::map<std::string, std::function<void(SQLite::Database&)>> migrations =
 SQLite::Database open(const std::string& path)
 {
     return SQLite::Database(path, openFlags, 0);
+}
+
+std::string systemError()
+{
+    return std::strerror(errno);
+}
+
+std::string utcStamp()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &utc);
+    return text;
+}
+
+// Renames without ever replacing an earlier file: link() refuses a taken name.
+std::string moveAside(const std::string& path)
+{
+    const auto stem = path + ".damaged-" + utcStamp();
+    for (int attempt = 1; attempt <= 100; ++attempt) {
+        const auto aside = attempt == 1 ? stem : stem + "-" + std::to_string(attempt);
+        if (link(path.c_str(), aside.c_str()) == 0) {
+            if (unlink(path.c_str()) != 0)
+                throw std::runtime_error("failed to move the damaged database " + path + " aside: " + systemError());
+            return aside;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    throw std::runtime_error("failed to move the damaged database " + path + " aside: " + systemError());
 }
 
 // Runs a statement that must change a row; SQLite's own text explains why not.
@@ -76,20 +115,61 @@ void DatabaseManager::openAndValidate()
         freshFile = true;
     } else if (!fs::exists(fs::status(databasePath))) {
         freshFile = true;
+    } else if (const auto damage = readFailure(); !damage.empty()) {
+        // Nothing in it can be read back, so it is kept for whoever wants to look and
+        // this start goes on without it.
+        const auto aside = moveAside(databasePath);
+        logError("the database " + databasePath + " cannot be read (" + damage + "), moved it to " + aside +
+                 " and started a new one");
+        freshFile = true;
     } else if (!isValid()) {
         // Deleting the invalid file still fails this start; the next one starts afresh.
         if (std::remove(databasePath.c_str()) == 0)
             throw std::runtime_error("failed to remove the invalid database" + databasePath);
     }
 
-    auto db = open(databasePath);
     if (freshFile) {
-        migrations.at(schemaVersion)(db);
+        createFresh();
         return;
     }
+    auto db = open(databasePath);
     for (auto stored = db.execAndGet(versionRead).getString(); stored != schemaVersion;
          stored = db.execAndGet(versionRead).getString())
         migrations.at(stored)(db);
+}
+
+// The file is built under another name and renamed into place whole, so a
+// kill during the first start leaves either no registry or a complete one.
+void DatabaseManager::createFresh()
+{
+    const auto building = databasePath + ".new";
+    std::remove(building.c_str());
+    std::remove((building + "-journal").c_str());
+    {
+        auto db = open(building);
+        migrations.at(schemaVersion)(db);
+    }
+    if (std::rename(building.c_str(), databasePath.c_str()) != 0)
+        throw std::runtime_error("failed to create the database " + databasePath + ": " + systemError());
+}
+
+// Why the file cannot be read as a database at all; empty when it can. Other
+// failures (locked, no permission, I/O) say nothing about the file and go on.
+std::string DatabaseManager::readFailure() const
+{
+    try {
+        auto db = open(databasePath);
+        // Reads every page, so damage anywhere shows now rather than in a later call.
+        SQLite::Statement check(db, "PRAGMA quick_check");
+        check.executeStep();
+        const auto verdict = check.getColumn(0).getString();
+        return verdict == "ok" ? "" : verdict;
+    } catch (const SQLite::Exception& error) {
+        const int code = error.getErrorCode() & 0xff;
+        if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT)
+            return error.what();
+        throw;
+    }
 }
 
 bool DatabaseManager::isValid() const
@@ -102,7 +182,11 @@ bool DatabaseManager::isValid() const
         if (!db.tableExists(table))
             return false;
     }
-    return migrations.count(db.execAndGet(versionRead).getString()) > 0;
+    SQLite::Statement read(db, versionRead);
+    // Tables without a version row are as invalid as a missing table.
+    if (!read.executeStep())
+        return false;
+    return migrations.count(read.getColumn(0).getString()) > 0;
 }
 
 void DatabaseManager::insert(const std::string& cupsName, const std::string& userName)

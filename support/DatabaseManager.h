@@ -23,6 +23,8 @@ public:
 
 private:
     void openAndValidate();
+    void createFresh();
+    std::string readFailure() const;
     bool isValid() const;
 
     std::string schemaVersion;
