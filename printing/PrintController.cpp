@@ -74,6 +74,7 @@ int PrintController::createJob(const std::string& path, const std::string& cupsN
             throw std::runtime_error("file " + path + " doesn't exist.");
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
+        PrintOptions::check(options);
         requestHandler->prepareRequest(cupsName, IPP_OP_CREATE_JOB);
         PrintOptions::addTo(*requestHandler, options);
         requestHandler->executePrintFileRequest(path);

@@ -15,14 +15,32 @@ const std::set<std::string>& PrintOptions::supported()
     return names;
 }
 
-void PrintOptions::addTo(CupsRequestHandler& handler, const std::map<std::string, std::string>& options)
+void PrintOptions::check(const std::map<std::string, std::string>& options)
 {
-    // Every value goes as keyword text; CUPS judges the values, not us.
+    // Every unknown name is looked for first, so a map that also holds a long
+    // value still gets the unknown-option message. A map of more than eight
+    // names always holds an unknown one, and the search stops at it.
     for (const auto& [name, value] : options) {
         if (supported().count(name) == 0)
             throw std::runtime_error(unknownOptionMessage(name));
-        handler.addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, name, value);
     }
+    // Only what the wire cannot carry is refused: libcups cannot encode a
+    // longer value, and the scheduler accepts shorter ones, past the 255
+    // bytes a keyword should have, so CUPS still judges every value it can
+    // receive.
+    for (const auto& [name, value] : options) {
+        if (value.size() > IPP_MAX_LENGTH)
+            throw std::runtime_error("value of option '" + name + "' is " + std::to_string(value.size()) +
+                                     " bytes long, more than the " + std::to_string(IPP_MAX_LENGTH) +
+                                     " bytes IPP can carry");
+    }
+}
+
+void PrintOptions::addTo(CupsRequestHandler& handler, const std::map<std::string, std::string>& options)
+{
+    // Every value goes as keyword text; CUPS judges the values, not us.
+    for (const auto& [name, value] : options)
+        handler.addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, name, value);
     // Automatic rotation is always off.
     handler.addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, "pdfAutoRotate", "false");
     handler.addString(IPP_TAG_JOB, IPP_TAG_KEYWORD, "pdftopdfAutoRotate", "false");

@@ -12,8 +12,10 @@ class CupsRequestHandler;
 class PrintOptions {
 public:
     static const std::set<std::string>& supported();
-    // Adds the caller's options, then the fixed ones; throws on the first
-    // unknown name in ascending order.
+    // Throws for the first unknown name in ascending order, then for a value
+    // longer than IPP can carry; nothing is built before this passes.
+    static void check(const std::map<std::string, std::string>& options);
+    // Adds the caller's checked options, then the fixed ones.
     static void addTo(CupsRequestHandler& handler, const std::map<std::string, std::string>& options);
     static std::string unknownOptionMessage(const std::string& name);
 };
