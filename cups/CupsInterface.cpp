@@ -80,4 +80,24 @@ DeviceMap CupsInterface::getDevices()
     return devices;
 }
 
+bool CupsInterface::isStopped(std::string_view cupsName)
+{
+    CupsRequestHandler handler;
+    try {
+        handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
+        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-state"});
+        handler.executeAdminRequest();
+        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"};
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void CupsInterface::resume(std::string_view cupsName)
+{
+    CupsRequestHandler handler;
+    handler.prepareRequest(std::string(cupsName), IPP_OP_RESUME_PRINTER);
+    handler.executeAdminRequest();
+}
+
 } // namespace Kestrel::Private

@@ -75,11 +75,30 @@ int PrintController::createJob(const std::string& path, const std::string& cupsN
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         PrintOptions::check(options);
+        restartStoppedQueue(cupsName);
         requestHandler->prepareRequest(cupsName, IPP_OP_CREATE_JOB);
         PrintOptions::addTo(*requestHandler, options);
         requestHandler->executePrintFileRequest(path);
         return requestHandler->getInteger("job-id");
     });
+}
+
+// When the printer fails in the middle of a job, the scheduler stops the queue
+// whatever its error policy (the backend asks for it), and nothing restarts
+// it: every later job would wait there for good. So a stopped queue is
+// restarted here, before the job, rather than given an error policy when it
+// is created: that would not cover this stop, nor heal queues made before.
+// The service owns its queues and never pauses one, so a stopped queue is
+// one the scheduler stopped. The held job goes first once the printer is back.
+void PrintController::restartStoppedQueue(const std::string& cupsName)
+{
+    if (!cups->isStopped(cupsName))
+        return;
+    try {
+        cups->resume(cupsName);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("printer " + cupsName + " is stopped and could not be restarted: " + error.what());
+    }
 }
 
 void PrintController::sendDocument(const std::string& path, const std::string& cupsName, int jobId)

@@ -27,6 +27,7 @@ public:
 private:
     std::string preparePath(const std::string& path);
     int createJob(const std::string& path, const std::string& cupsName, const std::map<std::string, std::string>& options);
+    void restartStoppedQueue(const std::string& cupsName);
     void sendDocument(const std::string& path, const std::string& cupsName, int jobId);
 
     std::shared_ptr<CupsRequestHandler> requestHandler;

@@ -34,6 +34,8 @@ class MockCupsInterface : public CupsInterface {
 public:
     MOCK_METHOD(bool, destinationExists, (std::string_view), (override));
     MOCK_METHOD(DeviceMap, getDevices, (), (override));
+    MOCK_METHOD(bool, isStopped, (std::string_view), (override));
+    MOCK_METHOD(void, resume, (std::string_view), (override));
 };
 
 class MockSystemInterface : public SystemInterface {

@@ -1,0 +1,102 @@
+"""The service comes back by itself: damaged registries, half-made first starts,
+oversized options and queues the scheduler stopped."""
+import os
+import signal
+import sqlite3
+import subprocess
+import time
+
+import pytest
+
+from conftest import (PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, error_of, manager, print_document, printed_documents,
+                      queues, shell, start_printer, wait_for, write_pdf)
+
+
+def sqlite_registry_cut_in_half():
+    db = sqlite3.connect(REGISTRY)
+    db.executescript("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL);"
+                     "CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
+                     "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT));"
+                     "INSERT INTO version VALUES (1, '0.0.1');")
+    db.executemany("INSERT INTO printers (cups_name, user_name) VALUES (?, ?)",
+                   [(f"uuid-{i}", f"Printer {i} " + "x" * 500) for i in range(50)])
+    db.commit()
+    db.close()
+    whole = REGISTRY.read_bytes()
+    return whole[:len(whole) // 2]
+
+
+def write_large_pdf(path):
+    """One page whose contents carry 20 MB of incompressible comments, so the
+    document is still on its way when the printer disappears."""
+    text = b"BT /F1 24 Tf 72 720 Td (Kestrel) Tj ET\n" + b"".join(
+        b"%" + os.urandom(512).hex().encode() + b"\n" for _ in range(20000))
+    objects = [b"<< /Type /Catalog /Pages 2 0 R >>", b"<< /Type /Pages /Kids [4 0 R] /Count 1 >>",
+               b"<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+               b"<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Resources << /Font << /F1 3 0 R >> >> "
+               b"/Contents 5 0 R >>",
+               b"<< /Length %d >>\nstream\n" % len(text) + text + b"\nendstream"]
+    body, offsets = b"%PDF-1.4\n", []
+    for number, obj in enumerate(objects, 1):
+        offsets.append(len(body))
+        body += b"%d 0 obj\n" % number + obj + b"\nendobj\n"
+    xref = len(body)
+    body += b"xref\n0 6\n0000000000 65535 f \n" + b"".join(b"%010d 00000 n \n" % offset for offset in offsets)
+    path.write_bytes(body + b"trailer\n<< /Size 6 /Root 1 0 R >>\nstartxref\n%d\n%%%%EOF\n" % xref)
+    return path
+
+
+@pytest.mark.parametrize("damage", ["garbage", "truncated", "text"])
+def test_unreadable_registry_is_kept_aside_and_the_same_start_answers(system_log, damage):
+    content = {"garbage": lambda: os.urandom(8192),
+               "truncated": sqlite_registry_cut_in_half,
+               "text": lambda: b"Office = ipp://printer.local/\n"}[damage]()
+    REGISTRY.write_bytes(content)
+    assert manager("getSavedPrinters") == []
+    kept = [path for path in REGISTRY.parent.iterdir() if path.name.startswith("printers.db.damaged-")]
+    assert len(kept) == 1 and kept[0].read_bytes() == content
+    errors = [line for line in daemon_log().splitlines() if line.startswith("ERROR: : ")]
+    assert len(errors) == 1 and str(REGISTRY) in errors[0] and str(kept[0]) in errors[0]
+
+
+def test_registry_with_tables_but_no_version_row_answers_again_within_two_starts(system_log):
+    db = sqlite3.connect(REGISTRY)
+    db.executescript("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL);"
+                     "CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
+                     "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT));")
+    db.close()
+    error_of(manager, "getSavedPrinters")
+    assert f"failed to remove the invalid database{REGISTRY}" in daemon_log()
+    assert manager("getSavedPrinters") == []
+
+
+def test_option_value_longer_than_ipp_carries_is_refused_at_once_while_others_are_served(office, documents):
+    document = write_pdf(documents / "big-option.pdf")
+    started = time.monotonic()
+    printing = subprocess.Popen(["busctl", "--system", "call", "ru.zorv.print", "/ru/zorv/print", PRINTING, "print",
+                                 "ssa{ss}", str(document), office, "1", "media", "a" * 40000],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert manager("getSavedPrinters") == [office]
+    other = time.monotonic() - started
+    _, error = printing.communicate(timeout=60)
+    refused = time.monotonic() - started
+    assert "value of option 'media' is 40000 bytes long, more than the 32767 bytes IPP can carry" in error
+    assert refused < 1 and other < 1
+    assert document.exists() and not shell("lpstat -o")
+
+
+def test_queue_stopped_when_the_printer_went_away_prints_again_once_it_is_back(office, documents):
+    queue = queues()[0]
+    big = write_large_pdf(documents / "big.pdf")
+    print_document(big, office)
+    printer = int((WORLD / "ippeveprinter.pid").read_text())
+    assert wait_for(lambda: any(path.stat().st_size for path in SPOOL.iterdir()), timeout=30, interval=0.005)
+    os.kill(printer, signal.SIGKILL)
+    assert wait_for(lambda: "disabled" in shell(f"lpstat -p {queue}"), timeout=30)
+    for path in SPOOL.iterdir():
+        path.unlink()
+
+    start_printer()
+    print_document(write_pdf(documents / "after.pdf"), office)
+    assert wait_for(lambda: len(printed_documents()) == 2, timeout=60)
+    assert "enabled" in shell(f"lpstat -p {queue}")
