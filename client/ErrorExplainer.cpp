@@ -57,6 +57,12 @@ Failure ErrorExplainer::explain(const sdbus::Error& error) const
     const auto& text = error.getMessage();
     if (startsWith(name, "ru.zorv."))
         return fromService(text, name);
+    // Printing is open to everyone: a refusal there is the capability lookup's.
+    if (name == "org.freedesktop.DBus.Error.AccessDenied" && invocation_.command == "print")
+        return {"not_admin",
+                "permission denied: only root and members of the group \"lpadmin\" may read the capabilities of "
+                    + quoted(invocation_.printer) + "; --force prints without checking the options",
+                ExitStatus::PermissionDenied, text, name};
     if (name == "org.freedesktop.DBus.Error.AccessDenied")
         return {"not_admin",
                 "permission denied: only root and members of the group \"lpadmin\" may " + action(),
