@@ -59,6 +59,7 @@ CLI::Validator nonEmpty()
 CLI::App* command(CLI::App& app, const std::string& name, const std::string& description, const std::string& footer)
 {
     auto* sub = app.add_subcommand(name, description);
+    sub->set_help_all_flag();
     sub->fallthrough();
     sub->footer(footer);
     return sub;
@@ -116,7 +117,7 @@ CommandLine::CommandLine()
     auto& app = *app_;
     auto& call = invocation_;
     app.require_subcommand(1);
-    app.set_help_all_flag("--help-all", "Show the help of every command and exit");
+    app.set_help_all_flag("--help-all", "Show the help of the tool and of every command, and exit");
     app.set_version_flag("--version", "kestrel-print " KESTREL_VERSION);
     app.add_flag("--json", call.json, "Write results as JSON (one object per command, or per line for watch)");
     app.footer(toolFooter);
@@ -194,7 +195,13 @@ CommandLine::Invocation CommandLine::parse(int argc, const char* const argv[])
         invocation_.text = app.help();
         return invocation_;
     } catch (const CLI::CallForAllHelp&) {
-        invocation_.text = app.help("", CLI::AppFormatMode::All);
+        // Each command's own help in full, its footer included (the manual page is made of it).
+        invocation_.text = app.help();
+        for (const auto* sub : app.get_subcommands({})) {
+            // A line ending in a colon over an indented one starts a section of the manual page.
+            auto text = sub->help(app.get_name());
+            invocation_.text += "\nCommand " + sub->get_name() + ":\n  " + text.replace(text.find("\nUsage:"), 1, "\n\n");
+        }
         return invocation_;
     } catch (const CLI::CallForVersion& version) {
         invocation_.text = std::string(version.what()) + "\n";
