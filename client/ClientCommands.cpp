@@ -16,7 +16,7 @@ namespace {
 
 // Method calls such as adding a printer may wait on a slow printer; give them
 // longer than the bus library's default.
-constexpr std::chrono::minutes methodCallTimeout{2};
+constexpr std::chrono::minutes methodCallTimeout {2};
 
 // Ends a command that was interrupted: the shell's status for SIGINT.
 struct Interrupted
@@ -74,8 +74,8 @@ std::unique_ptr<sdbus::IConnection> ClientCommands::connect()
     }
 }
 
-void ClientCommands::dispatch(const CommandLine::Invocation& invocation, sdbus::IConnection& connection,
-                              PrintServiceProxy& proxy, Output& output)
+void ClientCommands::dispatch(
+    const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     const auto& command = invocation.command;
     const auto& arguments = invocation.arguments;
@@ -102,8 +102,8 @@ void ClientCommands::dispatch(const CommandLine::Invocation& invocation, sdbus::
     watch(connection, proxy, output);
 }
 
-void ClientCommands::scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection,
-                          PrintServiceProxy& proxy, Output& output)
+void ClientCommands::scan(
+    const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     std::optional<std::map<std::string, std::string>> found;
     proxy.onAccessiblePrinters([&found](const auto& printers) { found = printers; });
@@ -113,18 +113,18 @@ void ClientCommands::scan(const CommandLine::Invocation& invocation, sdbus::ICon
     const auto deadline = started + invocation.timeout;
     for (auto elapsed = std::chrono::seconds(0);; ++elapsed) {
         output.progress("Scanning for printers: " + std::to_string(elapsed.count()) + " s (at most "
-                        + std::to_string(invocation.timeout.count()) + " s)");
-        const auto outcome = loop.runUntil([&found] { return found.has_value(); },
-                                           std::min(deadline, started + elapsed + std::chrono::seconds(1)));
+            + std::to_string(invocation.timeout.count()) + " s)");
+        const auto outcome = loop.runUntil(
+            [&found] { return found.has_value(); }, std::min(deadline, started + elapsed + std::chrono::seconds(1)));
         if (outcome == BusEventLoop::Outcome::Interrupted)
             throw Interrupted();
         if (outcome == BusEventLoop::Outcome::Done)
             break;
         if (std::chrono::steady_clock::now() >= deadline)
             throw Failure("scan_timeout",
-                          "gave up waiting for the scan after " + std::to_string(invocation.timeout.count())
-                              + " s; the print service may still be scanning",
-                          ExitStatus::Refused);
+                "gave up waiting for the scan after " + std::to_string(invocation.timeout.count())
+                    + " s; the print service may still be scanning",
+                ExitStatus::Refused);
     }
     output.endProgress();
     output.devices(*found);

@@ -27,9 +27,9 @@ public:
 private:
     static std::unique_ptr<sdbus::IConnection> connect();
     void dispatch(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
-                  Output& output);
+        Output& output);
     void scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
-              Output& output);
+        Output& output);
     void watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output);
     void print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output);
 

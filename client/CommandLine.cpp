@@ -10,50 +10,48 @@ namespace Kestrel::Client {
 
 namespace {
 
-const char* const toolFooter
-    = "Data goes to standard output; notes and errors go to standard error. With\n"
-      "--json every command writes one JSON object, and an error is one JSON object\n"
-      "on standard error.\n"
-      "\n"
-      "Exit status:\n"
-      "  0  success\n"
-      "  1  the service refused the request (for print options: the printer does\n"
-      "     not support them), or a scan did not finish in time\n"
-      "  2  wrong usage\n"
-      "  3  the service cannot be reached: not running, failed to start, no system bus\n"
-      "  4  permission denied\n"
-      "\n"
-      "Run 'kestrel-print COMMAND --help' for the details of one command.";
+const char* const toolFooter = "Data goes to standard output; notes and errors go to standard error. With\n"
+                               "--json every command writes one JSON object, and an error is one JSON object\n"
+                               "on standard error.\n"
+                               "\n"
+                               "Exit status:\n"
+                               "  0  success\n"
+                               "  1  the service refused the request (for print options: the printer does\n"
+                               "     not support them), or a scan did not finish in time\n"
+                               "  2  wrong usage\n"
+                               "  3  the service cannot be reached: not running, failed to start, no system bus\n"
+                               "  4  permission denied\n"
+                               "\n"
+                               "Run 'kestrel-print COMMAND --help' for the details of one command.";
 
-const char* const printFooter
-    = "Print options (-o NAME=VALUE, each NAME at most once):\n"
-      "  copies=N                   number of copies, a whole number from 1\n"
-      "  fit-to-page=true|false     scale each page to fit the paper\n"
-      "  media=SIZE                 paper size, one the printer lists\n"
-      "  orientation-requested=O    portrait, landscape, reverse-landscape or\n"
-      "                             reverse-portrait (or 3 to 6), one the printer lists\n"
-      "  outputorder=normal|reverse order in which the pages come out\n"
-      "  page-ranges=LIST           pages to print, ascending, e.g. 1-4,7,9-12\n"
-      "  print-color-mode=MODE      e.g. color or monochrome, one the printer lists\n"
-      "  sides=SIDES                one-sided, two-sided-long-edge or\n"
-      "                             two-sided-short-edge, one the printer lists\n"
-      "\n"
-      "Before sending, the values of sides, media, print-color-mode and\n"
-      "orientation-requested are checked against what the printer lists (see\n"
-      "'kestrel-print attributes NAME'), and orientation names are sent as their\n"
-      "IPP numbers. --force sends every option as written, unchecked.\n"
-      "\n"
-      "THE SERVICE DELETES FILE once the job has been handed over: print a copy if\n"
-      "you want to keep it. A relative FILE is resolved against the current\n"
-      "directory, because the service does not share it.";
+const char* const printFooter = "Print options (-o NAME=VALUE, each NAME at most once):\n"
+                                "  copies=N                   number of copies, a whole number from 1\n"
+                                "  fit-to-page=true|false     scale each page to fit the paper\n"
+                                "  media=SIZE                 paper size, one the printer lists\n"
+                                "  orientation-requested=O    portrait, landscape, reverse-landscape or\n"
+                                "                             reverse-portrait (or 3 to 6), one the printer lists\n"
+                                "  outputorder=normal|reverse order in which the pages come out\n"
+                                "  page-ranges=LIST           pages to print, ascending, e.g. 1-4,7,9-12\n"
+                                "  print-color-mode=MODE      e.g. color or monochrome, one the printer lists\n"
+                                "  sides=SIDES                one-sided, two-sided-long-edge or\n"
+                                "                             two-sided-short-edge, one the printer lists\n"
+                                "\n"
+                                "Before sending, the values of sides, media, print-color-mode and\n"
+                                "orientation-requested are checked against what the printer lists (see\n"
+                                "'kestrel-print attributes NAME'), and orientation names are sent as their\n"
+                                "IPP numbers. --force sends every option as written, unchecked.\n"
+                                "\n"
+                                "THE SERVICE DELETES FILE once the job has been handed over: print a copy if\n"
+                                "you want to keep it. A relative FILE is resolved against the current\n"
+                                "directory, because the service does not share it.";
 
 // A printer or account name that the service would refuse only with a
 // registry text.
 CLI::Validator nonEmpty()
 {
     return CLI::Validator(
-        [](const std::string& text) { return text.empty() ? std::string("must not be empty") : std::string(); },
-        "", "non-empty");
+        [](const std::string& text) { return text.empty() ? std::string("must not be empty") : std::string(); }, "",
+        "non-empty");
 }
 
 CLI::App* command(CLI::App& app, const std::string& name, const std::string& description, const std::string& footer)
@@ -109,9 +107,8 @@ bool CommandLine::UsageError::json() const
 }
 
 CommandLine::CommandLine()
-    : app_(std::make_unique<CLI::App>(
-        "Manages printers and prints PDF documents through the Kestrel print service\n"
-        "(ru.zorv.print on the system bus).",
+    : app_(std::make_unique<CLI::App>("Manages printers and prints PDF documents through the Kestrel print service\n"
+                                      "(ru.zorv.print on the system bus).",
         "kestrel-print"))
 {
     auto& app = *app_;
@@ -122,42 +119,44 @@ CommandLine::CommandLine()
     app.add_flag("--json", call.json, "Write results as JSON (one object per command, or per line for watch)");
     app.footer(toolFooter);
 
-    command(app, "list", "List the saved printers, one name per line.", "With --json: {\"printers\": [{\"name\": NAME}]}.");
+    command(
+        app, "list", "List the saved printers, one name per line.", "With --json: {\"printers\": [{\"name\": NAME}]}.");
 
     auto* add = command(app, "add", "Create a print queue for a device URI (as 'scan' shows it) and save it as NAME.",
-                        "With --json: {\"printer\": NAME, \"uri\": URI, \"users\": [USER]}.");
+        "With --json: {\"printer\": NAME, \"uri\": URI, \"users\": [USER]}.");
     add->add_option("URI", "Device URI of the printer")->required();
     add->add_option("NAME", "Name to save the printer under")->required()->check(nonEmpty());
     add->add_option("-u,--user", call.users,
-                    "Local user account to name with the printer; the service only checks that it exists (repeatable)")
+           "Local user account to name with the printer; the service only checks that it exists (repeatable)")
         ->type_name("USER")
         ->check(nonEmpty());
 
-    auto* remove = command(app, "remove", "Delete a saved printer's queue and forget its name.",
-                           "With --json: {\"printer\": NAME}.");
+    auto* remove = command(
+        app, "remove", "Delete a saved printer's queue and forget its name.", "With --json: {\"printer\": NAME}.");
     remove->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
 
     auto* rename = command(app, "rename", "Give a saved printer a new name; its queue stays.",
-                           "With --json: {\"printer\": NEW, \"old_name\": OLD}.");
+        "With --json: {\"printer\": NEW, \"old_name\": OLD}.");
     rename->add_option("OLD", "Saved printer")->required()->check(nonEmpty());
     rename->add_option("NEW", "Its new name")->required()->check(nonEmpty());
 
     auto* attributes
         = command(app, "attributes", "Show what a saved printer supports: media, sides, colour modes, orientations.",
-                  "With --json: {\"printer\": NAME, \"attributes\": {ATTRIBUTE: [VALUE]}}.");
+            "With --json: {\"printer\": NAME, \"attributes\": {ATTRIBUTE: [VALUE]}}.");
     attributes->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
 
     auto* scan = command(app, "scan", "Look for attached and network printers that can be added.",
-                         "Prints each device URI (what 'add' expects) with its make and model. The\n"
-                         "service reports a failed discovery (for example CUPS not running) as an empty one.\n"
-                         "With --json: {\"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
+        "Prints each device URI (what 'add' expects) with its make and model. The\n"
+        "service reports a failed discovery (for example CUPS not running) as an empty one.\n"
+        "With --json: {\"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
     scan->add_option("-t,--timeout", timeoutSeconds_, "Seconds to wait for the answer (default 60)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 86400));
 
     auto* print = command(app, "print", "Print a PDF document on a saved printer, then the service deletes it.",
-                          std::string(printFooter) + "\n\nWith --json: {\"printer\": NAME, \"file\": PATH, "
-                                                     "\"options\": {NAME: VALUE}, \"forced\": BOOL}.");
+        std::string(printFooter)
+            + "\n\nWith --json: {\"printer\": NAME, \"file\": PATH, "
+              "\"options\": {NAME: VALUE}, \"forced\": BOOL}.");
     print->add_option("FILE", "PDF document to print (deleted once printed)")->required();
     print->add_option("-p,--printer", call.printer, "Saved printer to print on")
         ->type_name("NAME")
@@ -175,9 +174,9 @@ CommandLine::CommandLine()
     print->add_flag("-f,--force", call.force, "Send the options unchecked");
 
     command(app, "watch", "Show every change of the saved or reachable printers until interrupted.",
-            "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"
-            "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]} or\n"
-            "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
+        "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"
+        "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]} or\n"
+        "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
 }
 
 CommandLine::~CommandLine() = default;
@@ -200,7 +199,8 @@ CommandLine::Invocation CommandLine::parse(int argc, const char* const argv[])
         for (const auto* sub : app.get_subcommands({})) {
             // A line ending in a colon over an indented one starts a section of the manual page.
             auto text = sub->help(app.get_name());
-            invocation_.text += "\nCommand " + sub->get_name() + ":\n  " + text.replace(text.find("\nUsage:"), 1, "\n\n");
+            invocation_.text
+                += "\nCommand " + sub->get_name() + ":\n  " + text.replace(text.find("\nUsage:"), 1, "\n\n");
         }
         return invocation_;
     } catch (const CLI::CallForVersion& version) {
@@ -208,13 +208,13 @@ CommandLine::Invocation CommandLine::parse(int argc, const char* const argv[])
         return invocation_;
     } catch (const CLI::ParseError& error) {
         const auto command = selected();
-        throw UsageError(command.empty() ? commandError(argc, argv) : error.what(), command,
-                         jsonRequested(argc, argv));
+        throw UsageError(command.empty() ? commandError(argc, argv) : error.what(), command, jsonRequested(argc, argv));
     }
     invocation_.command = selected();
     invocation_.timeout = std::chrono::seconds(timeoutSeconds_);
-    for (const auto* positional : app.get_subcommand(invocation_.command)->get_options(
-             [](const CLI::Option* option) { return option->get_positional(); }))
+    for (const auto* positional : app.get_subcommand(invocation_.command)->get_options([](const CLI::Option* option) {
+             return option->get_positional();
+         }))
         invocation_.arguments.push_back(positional->as<std::string>());
     for (const auto& text : optionTexts_) {
         const auto equals = text.find('=');

@@ -26,7 +26,7 @@ public:
         std::vector<std::string> users;
         std::string printer;
         std::map<std::string, std::string> options;
-        std::chrono::seconds timeout{60};
+        std::chrono::seconds timeout {60};
         bool json = false;
         bool force = false;
         // Set when the arguments asked for help or the version: print it, do nothing else.

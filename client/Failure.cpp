@@ -2,8 +2,8 @@
 
 namespace Kestrel::Client {
 
-Failure::Failure(std::string kind, const std::string& message, ExitStatus status, std::string serviceMessage,
-                 std::string busError)
+Failure::Failure(
+    std::string kind, const std::string& message, ExitStatus status, std::string serviceMessage, std::string busError)
     : std::runtime_error(message)
     , kind_(std::move(kind))
     , status_(status)

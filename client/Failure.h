@@ -21,7 +21,7 @@ class Failure : public std::runtime_error
 public:
     // kind: a stable word for scripts, such as "unknown_printer".
     Failure(std::string kind, const std::string& message, ExitStatus status, std::string serviceMessage = "",
-            std::string busError = "");
+        std::string busError = "");
 
     const std::string& kind() const;
     ExitStatus status() const;

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include "Failure.h"
+#include "Text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -11,19 +12,6 @@ namespace Kestrel::Client {
 namespace {
 
 using nlohmann::json;
-
-std::string joined(const std::vector<std::string>& items)
-{
-    std::string text;
-    for (const auto& item : items)
-        text += (text.empty() ? "" : ", ") + item;
-    return text;
-}
-
-std::string quoted(const std::string& name)
-{
-    return "\"" + name + "\"";
-}
 
 json printerList(const std::vector<std::string>& printers)
 {
@@ -45,7 +33,8 @@ json deviceList(const std::map<std::string, std::string>& devices)
 // message stays on one.
 std::string oneLine(std::string text)
 {
-    std::replace_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
     std::string line;
     for (const char c : text) {
         if (c != ' ' || (!line.empty() && line.back() != ' '))
@@ -85,7 +74,7 @@ void Output::printerAdded(const std::string& uri, const std::string& name, const
         return;
     }
     note("Added printer " + quoted(name) + " for " + uri + (users.empty() ? "" : " (users: " + joined(users) + ")")
-         + ".");
+        + ".");
 }
 
 void Output::printerRemoved(const std::string& name)
@@ -139,8 +128,8 @@ void Output::devices(const std::map<std::string, std::string>& devices)
     deviceTable(devices, "");
 }
 
-void Output::printed(const std::string& file, const std::string& printer,
-                     const std::map<std::string, std::string>& options, bool forced)
+void Output::printed(
+    const std::string& file, const std::string& printer, const std::map<std::string, std::string>& options, bool forced)
 {
     if (json_) {
         write(out_, {{"printer", printer}, {"file", file}, {"options", options}, {"forced", forced}});
@@ -196,12 +185,10 @@ void Output::failure(const Failure& failure)
 {
     endProgress();
     if (json_) {
-        write(err_, {{"error",
-                      {{"kind", failure.kind()},
-                       {"message", failure.what()},
-                       {"service_message", failure.serviceMessage()},
-                       {"bus_error", failure.busError()},
-                       {"exit_status", static_cast<int>(failure.status())}}}});
+        write(err_,
+            {{"error",
+                {{"kind", failure.kind()}, {"message", failure.what()}, {"service_message", failure.serviceMessage()},
+                    {"bus_error", failure.busError()}, {"exit_status", static_cast<int>(failure.status())}}}});
         return;
     }
     err_ << "kestrel-print: " << failure.what();

@@ -27,7 +27,7 @@ public:
     void attributes(const std::string& printer, const std::map<std::string, std::vector<std::string>>& attributes);
     void devices(const std::map<std::string, std::string>& devices);
     void printed(const std::string& file, const std::string& printer, const std::map<std::string, std::string>& options,
-                 bool forced);
+        bool forced);
     void savedPrintersChanged(const std::vector<std::string>& printers);
     void accessiblePrintersChanged(const std::map<std::string, std::string>& devices);
 

@@ -1,6 +1,7 @@
 #include "PrintOptions.h"
 
 #include "Failure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -11,7 +12,14 @@ namespace {
 
 // The service's own table of option names.
 const std::vector<std::string> knownNames = {
-    "copies", "fit-to-page", "media", "orientation-requested", "outputorder", "page-ranges", "print-color-mode", "sides",
+    "copies",
+    "fit-to-page",
+    "media",
+    "orientation-requested",
+    "outputorder",
+    "page-ranges",
+    "print-color-mode",
+    "sides",
 };
 
 // Options whose values only the printer can judge, with the capability that lists them.
@@ -24,21 +32,16 @@ const std::map<std::string, std::string> capabilityOf = {
 
 // IPP sends orientations as numbers; printers may list either form.
 const std::map<std::string, std::string> orientationNumbers = {
-    {"portrait", "3"}, {"landscape", "4"}, {"reverse-landscape", "5"}, {"reverse-portrait", "6"},
+    {"portrait", "3"},
+    {"landscape", "4"},
+    {"reverse-landscape", "5"},
+    {"reverse-portrait", "6"},
 };
 
 std::string orientationNumber(const std::string& value)
 {
     const auto found = orientationNumbers.find(value);
     return found == orientationNumbers.end() ? value : found->second;
-}
-
-std::string joined(const std::vector<std::string>& items)
-{
-    std::string text;
-    for (const auto& item : items)
-        text += (text.empty() ? "" : ", ") + item;
-    return text;
 }
 
 // A whole number from 1, or 0 when the text is not one.
@@ -104,8 +107,8 @@ void PrintOptions::checkForm() const
 
 bool PrintOptions::needsCapabilities() const
 {
-    return std::any_of(values_.begin(), values_.end(),
-                       [](const auto& option) { return capabilityOf.count(option.first) > 0; });
+    return std::any_of(
+        values_.begin(), values_.end(), [](const auto& option) { return capabilityOf.count(option.first) > 0; });
 }
 
 PrintOptions::Values PrintOptions::checkedAgainst(const Capabilities& capabilities, const std::string& printer) const
@@ -128,9 +131,9 @@ PrintOptions::Values PrintOptions::checkedAgainst(const Capabilities& capabiliti
             continue;
         const auto offer = supported.empty() ? "it lists no values for " + name : "it supports " + joined(supported);
         throw Failure("option_unsupported",
-                      "printer \"" + printer + "\" does not support " + name + "=" + values_.at(name) + "; " + offer
-                          + " (--force sends it anyway)",
-                      ExitStatus::Refused);
+            "printer " + quoted(printer) + " does not support " + name + "=" + values_.at(name) + "; " + offer
+                + " (--force sends it anyway)",
+            ExitStatus::Refused);
     }
     return checked;
 }
