@@ -22,6 +22,9 @@ const char* const accessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 const Call listSavedPrinters = [](sdbus::IProxy& proxy) {
     proxy.callMethod("getSavedPrinters").onInterface("ru.zorv.PrinterManager");
 };
+const Call removeUnknownPrinter = [](sdbus::IProxy& proxy) {
+    proxy.callMethod("removePrinter").onInterface("ru.zorv.PrinterManager").withArguments(std::string("No Such Printer"));
+};
 const Call printMissingDocument = [](sdbus::IProxy& proxy) {
     proxy.callMethod("print")
         .onInterface("ru.zorv.PrintingService")
@@ -74,17 +77,18 @@ protected:
     gid_t lpadmin = 0;
 };
 
-TEST_F(BusPolicy, OrdinaryUserIsRefusedPrinterManagementButMayPrintAndIntrospect)
+TEST_F(BusPolicy, OrdinaryUserIsRefusedPrinterChangesButMayListPrintAndIntrospect)
 {
-    EXPECT_EQ(errorAsNobody(listSavedPrinters), accessDenied);
+    EXPECT_EQ(errorAsNobody(removeUnknownPrinter), accessDenied);
+    EXPECT_EQ(errorAsNobody(listSavedPrinters), "");
     EXPECT_THAT(errorAsNobody(printMissingDocument), AnyOf(IsEmpty(), Eq("ru.zorv.PrintingService.Error")));
     EXPECT_EQ(errorAsNobody(introspect), "");
 }
 
 TEST_F(BusPolicy, RootAndLpadminMembersReachPrinterManagement)
 {
-    EXPECT_EQ(errorOf(listSavedPrinters), "");
-    EXPECT_EQ(errorAsNobody(listSavedPrinters, {lpadmin}), "");
+    EXPECT_EQ(errorOf(removeUnknownPrinter), "ru.zorv.PrinterManager.Error");
+    EXPECT_EQ(errorAsNobody(removeUnknownPrinter, {lpadmin}), "ru.zorv.PrinterManager.Error");
 }
 
 TEST_F(BusPolicy, OnlyRootMayOwnTheServiceName)
