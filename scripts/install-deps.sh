@@ -11,7 +11,8 @@ packages=(
     nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
     # test world and demo
     cups cups-client cups-daemon cups-filters cups-ipp-utils qpdf
-    dbus-daemon dbus-bin systemd iproute2 util-linux
+    dbus-daemon dbus-bin systemd iproute2 util-linux avahi-daemon
+    python3-pytest python3-dbus python3-gi python3-dbusmock
 )
 
 missing=()

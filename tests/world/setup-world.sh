@@ -49,8 +49,13 @@ mkdir -p "$original" "$KESTREL_PRINTER_SPOOL" /run/dbus
 cp -a /etc/cups "$original/cups"
 cp -a /usr/lib/cups/backend "$original/backend"
 
+cp -a /usr/share/dbus-1/system.d "$original/system.d"
+
+# The bus reads policies and activation files only from directories the
+# world owns, so nothing installed on the host leaks in.
 for dir in /etc/cups /var/spool/cups /var/cache/cups /var/log/cups \
            /usr/lib/cups/backend /usr/share/cups/model /etc/dbus-1/system.d \
+           /usr/share/dbus-1/system.d /usr/share/dbus-1/system-services \
            /var/lib/print; do
     own "$dir"
 done
@@ -76,19 +81,42 @@ ln -s /usr /usr/share/cups/model/usr
 
 install -m 0644 "$repo/service/ru.zorv.print.conf" "$here/ru.quentis.SystemLogs.conf" \
     /etc/dbus-1/system.d/
+cp -a "$original/system.d/avahi-dbus.conf" /usr/share/dbus-1/system.d/ 2>/dev/null || true
 
-dbus-daemon --system --fork || fail "dbus-daemon failed to start"
+# With KESTREL_DAEMON naming a built daemon, the bus starts it on the first
+# call, as on a device; its output goes to daemon.log.
+if [ -n "${KESTREL_DAEMON:-}" ]; then
+    launcher=$KESTREL_WORLD_DIR/kestrel-printd
+    cat >"$launcher" <<LAUNCHER
+#!/bin/sh
+export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}'
+exec '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
+LAUNCHER
+    chmod 0755 "$launcher"
+    printf '[D-BUS Service]\nName=ru.zorv.print\nExec=%s\nUser=root\n' "$launcher" \
+        >/usr/share/dbus-1/system-services/ru.zorv.print.service
+fi
+
+dbus-daemon --config-file="$here/system-bus.conf" --fork || fail "dbus-daemon failed to start"
 # Started from subshells so they are not our jobs: tests stop and restart
 # cupsd, and its end is no news to report.
 (cupsd -f >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
-(ippeveprinter -r off -p 631 -M Maker -m Model -f application/pdf,image/pwg-raster \
-    -c "$here/printer-command" -k -d "$KESTREL_PRINTER_SPOOL" "Kestrel Test Printer" \
-    >"$KESTREL_WORLD_DIR/ippeveprinter.log" 2>&1 &)
+# Tests take the printer away and bring it back with the same script.
+export KESTREL_PRINTER_START="$here/simulated-printer"
+("$KESTREL_PRINTER_START" &)
 
 wait_until "the system bus" busctl --system call org.freedesktop.DBus /org/freedesktop/DBus \
     org.freedesktop.DBus GetId
 wait_until "cupsd" sh -c 'lpstat -r | grep -qx "scheduler is running"'
 wait_until "ippeveprinter" bash -c ': </dev/tcp/127.0.0.1/631'
+
+# Optional, as on a real device: DNS-SD browsing on the private bus. Only
+# loopback exists here, so nothing leaves the host.
+if [ "${KESTREL_WORLD_AVAHI:-}" = 1 ]; then
+    mkdir -p /run/avahi-daemon
+    avahi-daemon --no-drop-root --no-chroot -D >/dev/null 2>&1 || fail "avahi-daemon failed to start"
+    wait_until "avahi-daemon" busctl --system status org.freedesktop.Avahi
+fi
 
 set +e
 "$@"

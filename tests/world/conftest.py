@@ -1,0 +1,370 @@
+"""Fixtures for tests over the bus, run inside the test world (run-in-world.sh).
+
+The world starts kestrel-printd by bus activation on the first call, as a
+device does; its output lands in daemon.log. Every test begins from a fresh
+world: no daemon, no CUPS queues, no registry, nothing printed, a fresh
+system-log service (python-dbusmock).
+"""
+import os
+import pickle
+import re
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import dbus
+import pytest
+from dbus.mainloop.glib import DBusGMainLoop
+from gi.repository import GLib
+
+DBusGMainLoop(set_as_default=True)
+
+BUS_NAME = "ru.zorv.print"
+OBJECT_PATH = "/ru/zorv/print"
+MANAGER = "ru.zorv.PrinterManager"
+PRINTING = "ru.zorv.PrintingService"
+NOBODY = 65534
+WORLD = Path(os.environ.get("KESTREL_WORLD_DIR", "/nonexistent"))
+SPOOL = Path(os.environ.get("KESTREL_PRINTER_SPOOL", "/nonexistent"))
+PRINTER_URI = os.environ.get("KESTREL_PRINTER_URI", "")
+DAEMON_LOG = WORLD / "daemon.log"
+REGISTRY = Path("/var/lib/print/printers.db")
+SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer")
+
+
+class BusError(Exception):
+    def __init__(self, name, message):
+        super().__init__(f"{name}: {message}")
+        self.name = name
+        self.message = message
+
+
+def plain(value):
+    """dbus-python values as plain Python ones."""
+    if isinstance(value, (dbus.Array, list)):
+        return [plain(v) for v in value]
+    if isinstance(value, (dbus.Dictionary, dict)):
+        return {plain(k): plain(v) for k, v in value.items()}
+    if isinstance(value, (dbus.Struct, tuple)):
+        return tuple(plain(v) for v in value)
+    if isinstance(value, dbus.Boolean):
+        return bool(value)
+    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
+        return str(value)
+    if isinstance(value, (int, dbus.Int32, dbus.UInt32, dbus.Int64, dbus.UInt64, dbus.Byte, dbus.Int16, dbus.UInt16)):
+        return int(value)
+    return value
+
+
+def private_bus():
+    bus = dbus.bus.BusConnection(dbus.bus.BUS_SYSTEM)
+    # libdbus would otherwise end the whole test process when it is closed.
+    bus.set_exit_on_disconnect(False)
+    return bus
+
+
+def _call(bus, destination, path, interface, method, args, timeout):
+    try:
+        # The signatures come from introspection, so the call starts the
+        # daemon first when it is not running.
+        proxy = bus.get_object(destination, path)
+        return plain(proxy.get_dbus_method(method, interface)(*args, timeout=timeout))
+    except dbus.exceptions.DBusException as error:
+        raise BusError(error.get_dbus_name(), error.get_dbus_message()) from None
+
+
+def call(interface, method, *args, user=None, groups=(), timeout=60, destination=BUS_NAME, path=OBJECT_PATH,
+         private=False):
+    """A method call on the service (or another destination); as root, or in a
+    child process as `user` (a uid) with the given supplementary groups.
+    `private` gives a root call a connection of its own (for threads).
+    Raises BusError."""
+    target = (destination, path, interface, method, args, timeout)
+    if user is None and private:
+        bus = private_bus()
+        try:
+            return _call(bus, *target)
+        finally:
+            bus.close()
+    if user is None:
+        return _call(dbus.SystemBus(), *target)
+    read, write = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        try:
+            os.close(read)
+            os.setgroups(list(groups))
+            os.setgid(user)
+            os.setuid(user)
+            try:
+                outcome = ("ok", _call(dbus.bus.BusConnection(dbus.bus.BUS_SYSTEM), *target))
+            except BusError as error:
+                outcome = ("error", (error.name, error.message))
+            with os.fdopen(write, "wb") as out:
+                pickle.dump(outcome, out)
+        finally:
+            os._exit(0)
+    os.close(write)
+    with os.fdopen(read, "rb") as result:
+        data = result.read()
+    os.waitpid(pid, 0)
+    kind, value = pickle.loads(data)
+    if kind == "error":
+        raise BusError(*value)
+    return value
+
+
+def manager(method, *args, **kwargs):
+    return call(MANAGER, method, *args, **kwargs)
+
+
+def print_document(path, printer, options=None, **kwargs):
+    return call(PRINTING, "print", str(path), printer, dbus.Dictionary(options or {}, signature="ss"), **kwargs)
+
+
+def error_of(function, *args, **kwargs):
+    """The BusError a call ends with; fails the test when it succeeds."""
+    try:
+        function(*args, **kwargs)
+    except BusError as error:
+        return error
+    pytest.fail(f"{getattr(function, '__name__', function)}{args} succeeded")
+
+
+def wait_for(predicate, timeout=10.0, interval=0.02):
+    deadline = time.monotonic() + timeout
+    while True:
+        result = predicate()
+        if result or time.monotonic() >= deadline:
+            return result
+        time.sleep(interval)
+
+
+def shell(command):
+    return subprocess.run(command, shell=True, check=True, capture_output=True, text=True).stdout
+
+
+def queues():
+    return [line for line in shell("lpstat -e").splitlines() if line]
+
+
+def printed_documents():
+    """Documents the simulated printer has completed (.prn while arriving)."""
+    return sorted(p for p in SPOOL.iterdir() if p.suffix == ".pdf")
+
+
+def pdf_pages(path):
+    return int(shell(f"qpdf --show-npages '{path}'"))
+
+
+def write_pdf(path, pages=1):
+    path = Path(path)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    objects = ["<< /Type /Catalog /Pages 2 0 R >>",
+               "<< /Type /Pages /Kids [%s] /Count %d >>" % (" ".join(f"{4 + 2 * i} 0 R" for i in range(pages)), pages),
+               "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"]
+    for i in range(pages):
+        text = f"BT /F1 24 Tf 72 720 Td (Kestrel page {i + 1}) Tj ET"
+        objects.append("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] "
+                       f"/Resources << /Font << /F1 3 0 R >> >> /Contents {5 + 2 * i} 0 R >>")
+        objects.append(f"<< /Length {len(text)} >>\nstream\n{text}\nendstream")
+    body, offsets = b"%PDF-1.4\n", []
+    for number, obj in enumerate(objects, 1):
+        offsets.append(len(body))
+        body += f"{number} 0 obj\n{obj}\nendobj\n".encode()
+    xref = len(body)
+    body += f"xref\n0 {len(objects) + 1}\n0000000000 65535 f \n".encode()
+    body += b"".join(b"%010d 00000 n \n" % offset for offset in offsets)
+    body += f"trailer\n<< /Size {len(objects) + 1} /Root 1 0 R >>\nstartxref\n{xref}\n%%EOF\n".encode()
+    path.write_bytes(body)
+    return path
+
+
+def _pid_in(path):
+    try:
+        return int(Path(path).read_text())
+    except (OSError, ValueError):
+        return 0
+
+
+def _alive(pid):
+    # A stopped child of the world's pid 1 lingers as a zombie until reaped.
+    try:
+        return Path(f"/proc/{pid}/stat").read_text().rsplit(") ", 1)[1][0] != "Z"
+    except OSError:
+        return False
+
+
+def _stop(pid):
+    if pid > 0 and _alive(pid):
+        os.kill(pid, signal.SIGTERM)
+        assert wait_for(lambda: not _alive(pid)), f"process {pid} did not stop"
+
+
+def _start_detached(command, wait):
+    # Through the shell, so the process belongs to the world's pid 1, not the test.
+    subprocess.run(f"({command}) >/dev/null 2>&1 &", shell=True, check=True)
+    assert wait_for(wait), f"{command} did not come up"
+
+
+def scheduler_running():
+    return subprocess.run("lpstat -r", shell=True, capture_output=True, text=True).stdout.strip() == "scheduler is running"
+
+
+def stop_scheduler():
+    _stop(_pid_in(WORLD / "cupsd.pid"))
+
+
+def start_scheduler():
+    _start_detached(f"cupsd -f >>{WORLD}/cupsd.log 2>&1 & echo $! >{WORLD}/cupsd.pid", scheduler_running)
+
+
+def printer_running():
+    return subprocess.run("bash -c ': </dev/tcp/127.0.0.1/631'", shell=True, capture_output=True).returncode == 0
+
+
+def stop_printer():
+    _stop(_pid_in(WORLD / "ippeveprinter.pid"))
+
+
+def start_printer():
+    _start_detached(os.environ["KESTREL_PRINTER_START"], printer_running)
+
+
+def daemon_pid():
+    bus = dbus.SystemBus()
+    driver = bus.get_object("org.freedesktop.DBus", "/org/freedesktop/DBus")
+    try:
+        return int(driver.GetConnectionUnixProcessID(BUS_NAME, dbus_interface="org.freedesktop.DBus"))
+    except dbus.exceptions.DBusException:
+        return 0
+
+
+def stop_daemon():
+    """Ends the running daemon, if any; the next call starts a fresh one."""
+    pid = daemon_pid()
+    _stop(pid)
+    assert wait_for(lambda: daemon_pid() == 0)
+
+
+def daemon_log():
+    return DAEMON_LOG.read_text(errors="replace") if DAEMON_LOG.exists() else ""
+
+
+class Signals:
+    """Collects the service's signals; wait() runs the main loop until one arrives."""
+
+    def __init__(self):
+        self.received = []
+        # A connection of its own: nothing queued for an earlier test reaches this one.
+        self.bus = private_bus()
+        self.bus.add_signal_receiver(
+            lambda *args, member=None: self.received.append((member, [plain(a) for a in args])),
+            dbus_interface=MANAGER, path=OBJECT_PATH, member_keyword="member")
+
+    def wait(self, name, timeout=10.0):
+        context = GLib.MainContext.default()
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            while context.iteration(False):
+                pass
+            for index, (member, args) in enumerate(self.received):
+                if member == name:
+                    del self.received[index]
+                    return args[0]
+            time.sleep(0.01)
+        pytest.fail(f"no {name} signal within {timeout} s")
+
+    def pending(self):
+        context = GLib.MainContext.default()
+        while context.iteration(False):
+            pass
+        return list(self.received)
+
+    def close(self):
+        self.bus.close()
+
+
+class SystemLog:
+    """The platform's system-log service, as a python-dbusmock on the bus."""
+
+    NAME, PATH = "ru.quentis.SystemLogs", "/ru/quentis/SystemLogs"
+
+    def __init__(self, code=""):
+        self.process = subprocess.Popen(
+            ["/usr/bin/python3", "-m", "dbusmock", "--system", self.NAME, self.PATH, self.NAME],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        bus = dbus.SystemBus()
+        assert wait_for(lambda: bus.name_has_owner(self.NAME)), "system-log mock did not start"
+        self.mock = bus.get_object(self.NAME, self.PATH)
+        self.mock.AddMethod(self.NAME, "sendEventStringAlt", "sss", "", code,
+                            dbus_interface="org.freedesktop.DBus.Mock")
+
+    def events(self):
+        calls = self.mock.GetMethodCalls("sendEventStringAlt", dbus_interface="org.freedesktop.DBus.Mock")
+        return [tuple(plain(args)) for _, args in calls]
+
+    def stop(self):
+        self.process.kill()
+        self.process.wait()
+        bus = dbus.SystemBus()
+        assert wait_for(lambda: not bus.name_has_owner(self.NAME))
+
+
+def _require_world():
+    if os.environ.get("KESTREL_WORLD") == "1" and os.geteuid() == 0:
+        return
+    if os.environ.get("CI") == "true":
+        pytest.fail("CI=true requires the test world (root, run-in-world.sh)")
+    pytest.skip("test world unavailable: run as root through tests/world/run-in-world.sh")
+
+
+def reset_world():
+    stop_daemon()
+    if not scheduler_running():
+        start_scheduler()
+    if not printer_running():
+        start_printer()
+    for queue in queues():
+        shell(f"lpadmin -x '{queue}'")
+    for path in list(Path("/var/lib/print").iterdir()) + list(SPOOL.iterdir()):
+        path.unlink()
+    DAEMON_LOG.write_text("")
+
+
+@pytest.fixture
+def system_log():
+    """A fresh world with a system-log service; the daemon starts on the first call."""
+    _require_world()
+    reset_world()
+    log = SystemLog()
+    yield log
+    log.stop()
+    stop_daemon()
+    text = daemon_log()
+    assert not any(marker in text for marker in SANITIZER_MARKERS), text
+
+
+@pytest.fixture
+def signals(system_log):
+    collector = Signals()
+    yield collector
+    collector.close()
+
+
+@pytest.fixture
+def office(system_log):
+    """A saved printer "Office" for the simulated printer."""
+    manager("addPrinter", PRINTER_URI, "Office", dbus.Array([], signature="s"))
+    return "Office"
+
+
+@pytest.fixture
+def documents():
+    """A directory for test documents that callers other than root may use."""
+    path = WORLD / "documents"
+    shell(f"rm -rf '{path}'")
+    path.mkdir(mode=0o1777)
+    path.chmod(0o1777)
+    return path
