@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace Kestrel::Private {
 
