@@ -76,7 +76,12 @@ def test_service_refusals_name_the_cause_and_keep_the_service_text(office, docum
     assert (error["kind"], error["exit_status"], error["bus_error"]) == \
         ("not_admin", 4, "org.freedesktop.DBus.Error.AccessDenied")
     assert 'group "lpadmin"' in error["message"]
-    assert document.exists()
+    secret = write_pdf(document.parent / "secret.pdf")
+    secret.chmod(0o600)
+    error = failure("print", str(secret), "--printer", "Office", "-o", "sides=one-sided", user=NOBODY)
+    assert (error["kind"], error["exit_status"], error["service_message"]) == \
+        ("document_refused", 4, f"permission denied: {secret}")
+    assert document.exists() and secret.exists()
 
 
 def test_a_lost_queue_and_a_stopped_scheduler_are_named_as_the_cause(office):
