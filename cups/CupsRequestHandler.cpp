@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace Kestrel::Private {
 
@@ -170,20 +171,20 @@ void CupsRequestHandler::addStrings(ipp_tag_t group, ipp_tag_t valueTag, std::st
 
 void CupsRequestHandler::executeAdminRequest()
 {
-    execute("/admin/", nullptr);
+    execute("/admin/", NoDocument);
 }
 
 void CupsRequestHandler::executePrintRequest()
 {
-    execute("/ipp/print", nullptr);
+    execute("/ipp/print", NoDocument);
 }
 
-void CupsRequestHandler::executePrintFileRequest(std::string_view path)
+void CupsRequestHandler::executePrintFileRequest(int document)
 {
-    execute("/ipp/print", std::string(path).c_str());
+    execute("/ipp/print", document);
 }
 
-void CupsRequestHandler::execute(const char* resource, const char* file)
+void CupsRequestHandler::execute(const char* resource, int document)
 {
     pendingRequest(request);
     // The scheduler drops kept-alive connections it considers idle, and
@@ -192,9 +193,11 @@ void CupsRequestHandler::execute(const char* resource, const char* file)
         httpReconnect2(connection.get(), RemoteTimeoutMs, nullptr);
     // The library frees the request whatever the outcome.
     ipp_t* sent = request.release();
-    ipp_t* result = file ? cupsDoFileRequest(connection.get(), sent, resource, file)
-                         : cupsDoRequest(connection.get(), sent, resource);
-    response.reset(result);
+    // The whole document each time (a job sends it twice); a descriptor that
+    // cannot seek fails in the library, which reports it.
+    if (document != NoDocument)
+        ::lseek(document, 0, SEEK_SET);
+    response.reset(cupsDoIORequest(connection.get(), sent, resource, document, NoDocument));
     if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
         throw std::runtime_error("failed to execute request: " + cupsErrorText());
 }

@@ -49,14 +49,16 @@ public:
 
     virtual void executeAdminRequest();
     virtual void executePrintRequest();
-    virtual void executePrintFileRequest(std::string_view path);
+    // Sends the request followed by the contents of the open document.
+    virtual void executePrintFileRequest(int document);
 
     virtual void releaseResponse();
     virtual int getInteger(std::string_view name);
     virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
 
 private:
-    void execute(const char* resource, const char* file);
+    static constexpr int NoDocument = -1;
+    void execute(const char* resource, int document);
 
     HttpPtr connection;
     IppPtr request;

@@ -42,43 +42,41 @@ PrintController::PrintController(std::shared_ptr<CupsRequestHandler> requestHand
 {
 }
 
-void PrintController::print(const std::string& path, const std::string& printer,
+void PrintController::print(const CallerCredentials& caller, const std::string& path, const std::string& printer,
                             const std::map<std::string, std::string>& parameters)
 {
-    const auto document = preparePath(path);
+    auto copy = copyIfNotAscii(caller, path);
     const auto cupsName = database->getCupsName(printer);
 
     std::lock_guard<std::mutex> lock(jobMutex);
+    // Every check on the document is made here, before anything reaches CUPS.
+    const auto document = copy ? std::move(*copy) : logFailures([&] { return system->openDocument(caller, path); });
     const int jobId = createJob(document, cupsName, parameters);
-    sendDocument(document, cupsName, jobId);
+    sendDocument(caller, document, cupsName, jobId);
     // A submitted document does not outlive the call, whether the caller's or our copy.
-    system->removeFile(document);
+    system->removeDocument(caller, document);
 }
 
-std::string PrintController::preparePath(const std::string& path)
+std::optional<Document> PrintController::copyIfNotAscii(const CallerCredentials& caller, const std::string& path)
 {
     if (isAscii(path))
-        return path;
+        return std::nullopt;
     // Non-ASCII names are printed from an ASCII-named copy beside the original.
-    const std::filesystem::path original(path);
-    const auto copy = (original.parent_path() / (UuidGenerator::generate() + original.extension().string())).string();
-    system->copyFile(path, copy);
-    return copy;
+    const auto name = UuidGenerator::generate() + std::filesystem::path(path).extension().string();
+    return system->copyDocument(caller, path, name);
 }
 
-int PrintController::createJob(const std::string& path, const std::string& cupsName,
+int PrintController::createJob(const Document& document, const std::string& cupsName,
                                const std::map<std::string, std::string>& options)
 {
     return logFailures([&] {
-        if (!system->fileExists(path))
-            throw std::runtime_error("file " + path + " doesn't exist.");
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         PrintOptions::check(options);
         restartStoppedQueue(cupsName);
         requestHandler->prepareRequest(cupsName, IPP_OP_CREATE_JOB);
         PrintOptions::addTo(*requestHandler, options);
-        requestHandler->executePrintFileRequest(path);
+        requestHandler->executePrintFileRequest(document.file());
         return requestHandler->getInteger("job-id");
     });
 }
@@ -101,18 +99,20 @@ void PrintController::restartStoppedQueue(const std::string& cupsName)
     }
 }
 
-void PrintController::sendDocument(const std::string& path, const std::string& cupsName, int jobId)
+void PrintController::sendDocument(const CallerCredentials& caller, const Document& document,
+                                   const std::string& cupsName, int jobId)
 {
     logFailures([&] {
-        if (!system->fileExists(path))
-            throw std::runtime_error("file " + path + "doesn't exist.");
+        if (!system->documentExists(caller, document))
+            throw std::runtime_error("file " + document.path() + "doesn't exist.");
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         requestHandler->prepareRequest(cupsName, IPP_OP_SEND_DOCUMENT);
         requestHandler->addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
         requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", "application/pdf");
         requestHandler->addBoolean(IPP_TAG_OPERATION, "last-document", true);
-        requestHandler->executePrintFileRequest(path);
+        // The descriptor opened with the caller's rights, never the path again.
+        requestHandler->executePrintFileRequest(document.file());
     });
 }
 

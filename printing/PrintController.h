@@ -1,8 +1,12 @@
 #pragma once
 
+#include "support/CallerCredentials.h"
+#include "support/Document.h"
+
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace Kestrel::Private {
@@ -13,7 +17,8 @@ class DatabaseManager;
 class SystemInterface;
 
 // The logic behind ru.zorv.PrintingService: one PDF document becomes one
-// CUPS job on the queue the registry names.
+// CUPS job on the queue the registry names. The document is read, copied
+// and removed only with the rights of the caller who asked.
 class PrintController {
 public:
     PrintController();
@@ -22,13 +27,16 @@ public:
                     std::shared_ptr<SystemInterface> system,
                     std::shared_ptr<DatabaseManager> database);
 
-    void print(const std::string& path, const std::string& printer, const std::map<std::string, std::string>& parameters);
+    void print(const CallerCredentials& caller, const std::string& path, const std::string& printer,
+               const std::map<std::string, std::string>& parameters);
 
 private:
-    std::string preparePath(const std::string& path);
-    int createJob(const std::string& path, const std::string& cupsName, const std::map<std::string, std::string>& options);
+    std::optional<Document> copyIfNotAscii(const CallerCredentials& caller, const std::string& path);
+    int createJob(const Document& document, const std::string& cupsName,
+                  const std::map<std::string, std::string>& options);
     void restartStoppedQueue(const std::string& cupsName);
-    void sendDocument(const std::string& path, const std::string& cupsName, int jobId);
+    void sendDocument(const CallerCredentials& caller, const Document& document, const std::string& cupsName,
+                      int jobId);
 
     std::shared_ptr<CupsRequestHandler> requestHandler;
     std::shared_ptr<CupsInterface> cups;

@@ -1,5 +1,7 @@
 #include "printing/PrintingServiceInterface.h"
 
+#include "support/CallerCredentials.h"
+
 namespace Kestrel::Private {
 
 PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path)
@@ -17,7 +19,11 @@ void PrintingServiceInterface::print(const std::string& path, const std::string&
                                      const std::map<std::string, std::string>& parameters)
 {
     try {
-        controller.print(path, printer, parameters);
+        // The document is handled with the rights of whoever sent this call.
+        const auto& object = getObject();
+        const auto caller = CallerCredentials::ofSender(object.getConnection(),
+                                                        object.getCurrentlyProcessedMessage()->getSender());
+        controller.print(caller, path, printer, parameters);
     } catch (const std::exception& error) {
         throw sdbus::Error("ru.zorv.PrintingService.Error", error.what());
     }

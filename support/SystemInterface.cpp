@@ -1,5 +1,7 @@
 #include "support/SystemInterface.h"
 
+#include "support/CallerFiles.h"
+
 #include <filesystem>
 #include <pwd.h>
 
@@ -16,14 +18,26 @@ bool SystemInterface::fileExists(const std::string& path)
     return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
 }
 
-bool SystemInterface::removeFile(const std::string& path)
+Document SystemInterface::openDocument(const CallerCredentials& caller, const std::string& path)
 {
-    return std::filesystem::remove(path);
+    return CallerFiles(caller).openRemovable(path);
 }
 
-void SystemInterface::copyFile(const std::string& from, const std::string& to)
+Document SystemInterface::copyDocument(const CallerCredentials& caller, const std::string& path,
+                                       const std::string& name)
 {
-    std::filesystem::copy(from, to);
+    const CallerFiles files(caller);
+    return files.copy(files.open(path), name);
+}
+
+bool SystemInterface::documentExists(const CallerCredentials& caller, const Document& document)
+{
+    return CallerFiles(caller).exists(document);
+}
+
+void SystemInterface::removeDocument(const CallerCredentials& caller, const Document& document)
+{
+    CallerFiles(caller).remove(document);
 }
 
 } // namespace Kestrel::Private

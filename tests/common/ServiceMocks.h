@@ -24,7 +24,7 @@ public:
                 (override));
     MOCK_METHOD(void, executeAdminRequest, (), (override));
     MOCK_METHOD(void, executePrintRequest, (), (override));
-    MOCK_METHOD(void, executePrintFileRequest, (std::string_view), (override));
+    MOCK_METHOD(void, executePrintFileRequest, (int), (override));
     MOCK_METHOD(void, releaseResponse, (), (override));
     MOCK_METHOD(int, getInteger, (std::string_view), (override));
     MOCK_METHOD(AttributeMap, getAttributes, (const std::unordered_set<std::string>&), (override));
@@ -42,8 +42,11 @@ class MockSystemInterface : public SystemInterface {
 public:
     MOCK_METHOD(bool, userExists, (const std::string&), (override));
     MOCK_METHOD(bool, fileExists, (const std::string&), (override));
-    MOCK_METHOD(bool, removeFile, (const std::string&), (override));
-    MOCK_METHOD(void, copyFile, (const std::string&, const std::string&), (override));
+    MOCK_METHOD(Document, openDocument, (const CallerCredentials&, const std::string&), (override));
+    MOCK_METHOD(Document, copyDocument, (const CallerCredentials&, const std::string&, const std::string&),
+                (override));
+    MOCK_METHOD(bool, documentExists, (const CallerCredentials&, const Document&), (override));
+    MOCK_METHOD(void, removeDocument, (const CallerCredentials&, const Document&), (override));
 };
 
 class MockSystemLogger : public SystemLogger {

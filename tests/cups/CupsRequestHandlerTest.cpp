@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <fstream>
 
@@ -81,9 +84,11 @@ TEST_F(CupsRequestHandlerTest, PrintFileRequestSendsTheFileAfterTheRequest)
 {
     const std::string path = testing::TempDir() + "kestrel-document.pdf";
     std::ofstream(path) << "%PDF-1.4 body";
-    handler.newRequest(IPP_OP_SEND_DOCUMENT);
-    handler.executePrintFileRequest(path);
+    const int document = ::open(path.c_str(), O_RDONLY);
     std::remove(path.c_str());
+    handler.newRequest(IPP_OP_SEND_DOCUMENT);
+    handler.executePrintFileRequest(document);
+    ::close(document);
 
     auto requests = server.requests();
     ASSERT_EQ(requests.size(), 1u);
@@ -152,7 +157,7 @@ TEST_F(CupsRequestHandlerTest, EveryOperationNeedsItsPendingRequestOrResponse)
               noRequest);
     EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executeAdminRequest(); }), noRequest);
     EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintRequest(); }), noRequest);
-    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintFileRequest("/dev/null"); }), noRequest);
+    EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintFileRequest(STDIN_FILENO); }), noRequest);
     EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.getInteger("job-id"); }), "no response provided.");
     EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.getAttributes({"job-id"}); }),
               "no response provided.");
@@ -194,10 +199,11 @@ TEST_F(CupsRequestHandlerTest, ConflictingStatusSucceedsAndClientErrorFailsWithT
               "no pending requests prepared.");
 }
 
-TEST_F(CupsRequestHandlerTest, MissingDocumentFailsAndEmptiesThePendingSlot)
+TEST_F(CupsRequestHandlerTest, UnusableDocumentDescriptorFailsAndEmptiesThePendingSlot)
 {
+    const int closedDescriptor = 1 << 20;
     handler.newRequest(IPP_OP_SEND_DOCUMENT);
-    EXPECT_THAT(failureOf<std::runtime_error>([&] { handler.executePrintFileRequest("/nonexistent/doc.pdf"); }),
+    EXPECT_THAT(failureOf<std::runtime_error>([&] { handler.executePrintFileRequest(closedDescriptor); }),
                 testing::StartsWith("failed to execute request: "));
     EXPECT_EQ(failureOf<std::invalid_argument>([&] { handler.executePrintRequest(); }),
               "no pending requests prepared.");

@@ -34,12 +34,13 @@ protected:
         database = std::make_shared<DatabaseManager>(directory.string());
         database->insert("uuid-1", "Office");
         controller = std::make_unique<PrintController>(handler, cups, system, database);
-        ON_CALL(*system, fileExists(_)).WillByDefault(Return(true));
+        ON_CALL(*system, openDocument(_, _)).WillByDefault([](auto&, const std::string& path) {
+            return Document(path, -1, {}, -1);
+        });
+        ON_CALL(*system, documentExists(_, _)).WillByDefault(Return(true));
         ON_CALL(*cups, destinationExists(_)).WillByDefault(Return(true));
     }
     void TearDown() override { std::filesystem::remove_all(directory); }
-
-
 
     void expectJobAccepted()
     {
@@ -51,6 +52,7 @@ protected:
         EXPECT_CALL(*handler, getInteger(_)).WillOnce(Return(7));
     }
 
+    const CallerCredentials caller{1000, 1000, {1000}};
     std::filesystem::path directory;
     std::shared_ptr<StrictMock<MockCupsRequestHandler>> handler = std::make_shared<StrictMock<MockCupsRequestHandler>>();
     std::shared_ptr<NiceMock<MockCupsInterface>> cups = std::make_shared<NiceMock<MockCupsInterface>>();
@@ -74,8 +76,10 @@ TEST(PrintJobOnTheWire, CreateJobCarriesOptionsInNameOrderThenTheFixedOnesAndSen
     const auto pdf = (directory / "doc.pdf").string();
     std::ofstream(pdf) << "%PDF-1.4 stand-in";
 
+    // Acting as the process itself: the real file operations, no identity switch.
+    const CallerCredentials self{::geteuid(), ::getegid(), {}};
     PrintController(std::make_shared<CupsRequestHandler>(), cups, std::make_shared<SystemInterface>(), database)
-        .print(pdf, "Office", {{"sides", "two-sided-long-edge"}, {"copies", "2"}});
+        .print(self, pdf, "Office", {{"sides", "two-sided-long-edge"}, {"copies", "2"}});
     cupsSetServer(nullptr);
 
     const auto requests = server.requests();
@@ -111,48 +115,49 @@ TEST_F(PrintControllerTest, UnknownOptionOrOversizedValueIsRefusedBeforeAnyReque
                                  "\t - copies\n\t - fit-to-page\n\t - media\n\t - orientation-requested\n"
                                  "\t - outputorder\n\t - page-ranges\n\t - print-color-mode\n\t - sides\n";
     // The strict handler expects no call at all: nothing is built or sent.
-    EXPECT_CALL(*system, removeFile(_)).Times(0);
+    EXPECT_CALL(*system, removeDocument(_, _)).Times(0);
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {{"zoom", "1"}, {"Copies", "2"}}); }),
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {{"zoom", "1"}, {"Copies", "2"}}); }),
               expected);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "ERROR: : " + expected + "\n");
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {{"pdfAutoRotate", "true"}}); }),
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {{"pdfAutoRotate", "true"}}); }),
               PrintOptions::unknownOptionMessage("pdfAutoRotate"));
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {{"sides", "x"}, {"zz", "1"}}); }),
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {{"sides", "x"}, {"zz", "1"}}); }),
               PrintOptions::unknownOptionMessage("zz"));
     const std::string tooLong(32768, 'a');
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {{"copies", tooLong}, {"zz", "1"}}); }),
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {{"copies", tooLong}, {"zz", "1"}}); }),
               PrintOptions::unknownOptionMessage("zz"));
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {{"copies", "1"}, {"media", tooLong}}); }),
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {{"copies", "1"}, {"media", tooLong}}); }),
               "value of option 'media' is 32768 bytes long, more than the 32767 bytes IPP can carry");
 }
 
-TEST_F(PrintControllerTest, NonAsciiPathIsPrintedFromAUuidCopyWithTheSameExtension)
+TEST_F(PrintControllerTest, NonAsciiPathIsPrintedFromAUuidCopyWithTheSameExtensionMadeAsTheCaller)
 {
-    std::string copy;
-    EXPECT_CALL(*system, copyFile("/tmp/отчёт/doc.pdf", _)).WillOnce([&](auto, const std::string& to) { copy = to; });
-    expectJobAccepted();
-    EXPECT_CALL(*system, removeFile(_)).Times(2).WillRepeatedly([&](const std::string& path) {
-        EXPECT_EQ(path, copy);
-        return true;
-    });
-    controller->print("/tmp/отчёт/doc.pdf", "Office", {});
-    EXPECT_THAT(copy, MatchesRegex("/tmp/отчёт/[0-9a-f-]{36}\\.pdf"));
-
-    EXPECT_CALL(*system, copyFile("/tmp/документ", _)).WillOnce([&](auto, const std::string& to) { copy = to; });
-    expectJobAccepted();
-    controller->print("/tmp/документ", "Office", {});
-    EXPECT_THAT(copy, MatchesRegex("/tmp/[0-9a-f-]{36}"));
+    const auto byCaller = ::testing::Field(&CallerCredentials::uid, caller.uid);
+    for (const auto& [path, pattern] : {std::pair{"/tmp/отчёт/doc.pdf", "[0-9a-f-]{36}\\.pdf"},
+                                        std::pair{"/tmp/документ", "[0-9a-f-]{36}"}}) {
+        std::string name;
+        EXPECT_CALL(*system, copyDocument(byCaller, path, _)).WillOnce([&](auto&, auto&, const std::string& to) {
+            name = to;
+            return Document("/tmp/" + to, -1, to, -1);
+        });
+        expectJobAccepted();
+        EXPECT_CALL(*system, removeDocument(byCaller, _)).WillOnce([&](auto&, const Document& document) {
+            EXPECT_EQ(document.name(), name);
+        });
+        controller->print(caller, path, "Office", {});
+        EXPECT_THAT(name, MatchesRegex(pattern));
+    }
 }
 
 TEST_F(PrintControllerTest, DocumentVanishingBeforeSendDocumentKeepsTheMissingBlank)
 {
-    EXPECT_CALL(*system, fileExists("/tmp/d.pdf")).WillOnce(Return(true)).WillOnce(Return(false));
+    EXPECT_CALL(*system, documentExists(_, _)).WillOnce(Return(false));
     EXPECT_CALL(*handler, prepareRequest(_, IPP_OP_CREATE_JOB));
     EXPECT_CALL(*handler, addString(_, _, _, _)).Times(2);
     EXPECT_CALL(*handler, executePrintFileRequest(_));
     EXPECT_CALL(*handler, getInteger(_)).WillOnce(Return(3));
-    EXPECT_EQ(failureOf([&] { controller->print("/tmp/d.pdf", "Office", {}); }), "file /tmp/d.pdfdoesn't exist.");
+    EXPECT_EQ(failureOf([&] { controller->print(caller, "/tmp/d.pdf", "Office", {}); }), "file /tmp/d.pdfdoesn't exist.");
 }
 
 } // namespace

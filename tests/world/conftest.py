@@ -57,6 +57,13 @@ def plain(value):
     return value
 
 
+def private_bus():
+    bus = dbus.bus.BusConnection(dbus.bus.BUS_SYSTEM)
+    # libdbus would otherwise end the whole test process when it is closed.
+    bus.set_exit_on_disconnect(False)
+    return bus
+
+
 def _call(bus, destination, path, interface, method, args, timeout):
     try:
         # The signatures come from introspection, so the call starts the
@@ -67,11 +74,19 @@ def _call(bus, destination, path, interface, method, args, timeout):
         raise BusError(error.get_dbus_name(), error.get_dbus_message()) from None
 
 
-def call(interface, method, *args, user=None, groups=(), timeout=60, destination=BUS_NAME, path=OBJECT_PATH):
+def call(interface, method, *args, user=None, groups=(), timeout=60, destination=BUS_NAME, path=OBJECT_PATH,
+         private=False):
     """A method call on the service (or another destination); as root, or in a
     child process as `user` (a uid) with the given supplementary groups.
+    `private` gives a root call a connection of its own (for threads).
     Raises BusError."""
     target = (destination, path, interface, method, args, timeout)
+    if user is None and private:
+        bus = private_bus()
+        try:
+            return _call(bus, *target)
+        finally:
+            bus.close()
     if user is None:
         return _call(dbus.SystemBus(), *target)
     read, write = os.pipe()
@@ -242,7 +257,9 @@ class Signals:
 
     def __init__(self):
         self.received = []
-        self.match = dbus.SystemBus().add_signal_receiver(
+        # A connection of its own: nothing queued for an earlier test reaches this one.
+        self.bus = private_bus()
+        self.bus.add_signal_receiver(
             lambda *args, member=None: self.received.append((member, [plain(a) for a in args])),
             dbus_interface=MANAGER, path=OBJECT_PATH, member_keyword="member")
 
@@ -266,7 +283,7 @@ class Signals:
         return list(self.received)
 
     def close(self):
-        self.match.remove()
+        self.bus.close()
 
 
 class SystemLog:

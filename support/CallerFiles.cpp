@@ -1,0 +1,224 @@
+#include "support/CallerFiles.h"
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/fsuid.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace Kestrel::Private {
+
+namespace {
+
+// The calling thread's file-system identity switched to the caller's until
+// the end of the scope. fsuid, fsgid and the raw setgroups system call are
+// per thread (glibc's setgroups would change every thread of the process).
+// With an fsuid other than 0 the kernel drops the file capabilities too.
+class CallerIdentity {
+public:
+    explicit CallerIdentity(const CallerCredentials& caller)
+    {
+        if (caller.uid == ::geteuid())
+            return;
+        savedGroups.resize(::getgroups(0, nullptr));
+        savedGroups.resize(::getgroups(savedGroups.size(), savedGroups.data()));
+        switched = true;
+        if (::syscall(SYS_setgroups, caller.groups.size(), caller.groups.data()) != 0) {
+            const int error = errno;
+            restore();
+            throw std::system_error(error, std::generic_category(), "cannot take on the caller's groups");
+        }
+        ::setfsgid(caller.gid);
+        ::setfsuid(caller.uid);
+        // Both calls answer with the previous value; asking again tells whether they took.
+        if (::setfsgid(-1) != static_cast<int>(caller.gid) || ::setfsuid(-1) != static_cast<int>(caller.uid)) {
+            restore();
+            throw std::runtime_error("cannot take on the caller's identity");
+        }
+    }
+    ~CallerIdentity() { restore(); }
+    CallerIdentity(const CallerIdentity&) = delete;
+    CallerIdentity& operator=(const CallerIdentity&) = delete;
+
+private:
+    void restore()
+    {
+        if (!switched)
+            return;
+        ::setfsuid(::geteuid());
+        ::setfsgid(::getegid());
+        ::syscall(SYS_setgroups, savedGroups.size(), savedGroups.data());
+        switched = false;
+    }
+
+    bool switched = false;
+    std::vector<gid_t> savedGroups;
+};
+
+template <typename Operation>
+auto asCaller(const CallerCredentials& caller, Operation&& operation)
+{
+    CallerIdentity identity(caller);
+    return operation();
+}
+
+// Closes a descriptor that has not been handed on.
+class Descriptor {
+public:
+    explicit Descriptor(int fd)
+        : fd(fd)
+    {
+    }
+    ~Descriptor()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd; }
+    int release() { return std::exchange(fd, -1); }
+
+private:
+    int fd;
+};
+
+std::runtime_error openFailure(const std::string& path, int error)
+{
+    if (error == ENOENT)
+        return std::runtime_error("file " + path + " doesn't exist.");
+    if (error == EACCES || error == EPERM)
+        return std::runtime_error("permission denied: " + path);
+    return std::runtime_error("file " + path + " cannot be opened: " + std::strerror(error));
+}
+
+// Whether the calling thread may override file ownership (the sticky rule's
+// exception); false once the caller's fsuid has dropped the capability.
+bool mayOverrideOwnership()
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    if (::syscall(SYS_capget, &header, data) != 0)
+        return false;
+    return data[CAP_TO_INDEX(CAP_FOWNER)].effective & CAP_TO_MASK(CAP_FOWNER);
+}
+
+// The kernel's own test for the directory (write and search, read-only
+// mounts included), then the sticky rule, which no system call can be asked.
+bool mayRemove(const CallerCredentials& caller, const Document& document)
+{
+    if (::faccessat(document.directory(), "", W_OK | X_OK, AT_EACCESS | AT_EMPTY_PATH) != 0)
+        return false;
+    struct stat directory {};
+    struct stat entry {};
+    if (::fstat(document.directory(), &directory) != 0
+        || ::fstatat(document.directory(), document.name().c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    return !(directory.st_mode & S_ISVTX) || entry.st_uid == caller.uid || directory.st_uid == caller.uid
+           || mayOverrideOwnership();
+}
+
+} // namespace
+
+CallerFiles::CallerFiles(CallerCredentials caller)
+    : caller(std::move(caller))
+{
+}
+
+Document CallerFiles::open(const std::string& path) const
+{
+    if (path.empty())
+        throw openFailure(path, ENOENT);
+    return asCaller(caller, [&] {
+        const std::filesystem::path location(path);
+        const auto parent = location.has_parent_path() ? location.parent_path().string() : ".";
+        // A path ending in "/" names the directory itself.
+        const auto name = location.has_filename() ? location.filename().string() : ".";
+        Descriptor directory(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (directory.get() < 0)
+            throw openFailure(path, errno);
+        // O_PATH opens without reading: a FIFO or a device is never opened for real.
+        const Descriptor found(::openat(directory.get(), name.c_str(), O_PATH | O_CLOEXEC));
+        if (found.get() < 0)
+            throw openFailure(path, errno);
+        struct stat status {};
+        if (::fstat(found.get(), &status) != 0)
+            throw openFailure(path, errno);
+        if (!S_ISREG(status.st_mode))
+            throw std::runtime_error("file " + path + " is not a regular file");
+        // Reopening the very file found, not the path, for reading: the
+        // kernel checks the caller's read permission on it.
+        Descriptor file(::open(("/proc/self/fd/" + std::to_string(found.get())).c_str(),
+                               O_RDONLY | O_CLOEXEC | O_NOCTTY));
+        if (file.get() < 0)
+            throw openFailure(path, errno);
+        if (status.st_size == 0)
+            throw std::runtime_error("file " + path + " is empty");
+        char signature[5] = {};
+        if (::pread(file.get(), signature, sizeof signature, 0) != sizeof signature
+            || std::memcmp(signature, "%PDF-", sizeof signature) != 0)
+            throw std::runtime_error("file " + path + " is not a PDF document");
+        return Document(path, directory.release(), name, file.release());
+    });
+}
+
+Document CallerFiles::openRemovable(const std::string& path) const
+{
+    auto document = open(path);
+    if (!asCaller(caller, [&] { return mayRemove(caller, document); }))
+        throw std::runtime_error("file " + path + " cannot be removed by the caller after printing");
+    return document;
+}
+
+Document CallerFiles::copy(const Document& document, const std::string& name) const
+{
+    const auto path = (std::filesystem::path(document.path()).parent_path() / name).string();
+    return asCaller(caller, [&] {
+        Descriptor directory(::fcntl(document.directory(), F_DUPFD_CLOEXEC, 0));
+        if (directory.get() < 0)
+            throw std::system_error(errno, std::generic_category(), "cannot copy " + document.path());
+        // Private to the caller, and only where the caller may create files.
+        Descriptor file(::openat(directory.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                 S_IRUSR | S_IWUSR));
+        if (file.get() < 0)
+            throw std::runtime_error("cannot copy " + document.path() + " to " + path + ": " + std::strerror(errno));
+        off_t offset = 0;
+        ssize_t copied = 0;
+        while ((copied = ::sendfile(file.get(), document.file(), &offset, 1 << 20)) > 0) {
+        }
+        if (copied < 0) {
+            const int error = errno;
+            ::unlinkat(directory.get(), name.c_str(), 0);
+            throw std::runtime_error("cannot copy " + document.path() + " to " + path + ": " + std::strerror(error));
+        }
+        return Document(path, directory.release(), name, file.release());
+    });
+}
+
+bool CallerFiles::exists(const Document& document) const
+{
+    return asCaller(caller, [&] {
+        struct stat status {};
+        return ::fstatat(document.directory(), document.name().c_str(), &status, 0) == 0;
+    });
+}
+
+void CallerFiles::remove(const Document& document) const
+{
+    asCaller(caller, [&] {
+        if (::unlinkat(document.directory(), document.name().c_str(), 0) != 0 && errno != ENOENT)
+            throw std::runtime_error("cannot remove " + document.path() + ": " + std::strerror(errno));
+    });
+}
+
+} // namespace Kestrel::Private

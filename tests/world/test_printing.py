@@ -1,0 +1,74 @@
+"""Printing over the bus, as root: what reaches the simulated printer and what stays on disk."""
+import threading
+
+import pytest
+
+from conftest import (PRINTER_URI, error_of, manager, pdf_pages, print_document, printed_documents, wait_for,
+                      write_pdf)
+
+SUPPORTED = ("copies", "fit-to-page", "media", "orientation-requested", "outputorder", "page-ranges",
+             "print-color-mode", "sides")
+
+
+def test_printed_pdf_reaches_the_printer_with_its_pages_and_the_file_is_gone(office, documents):
+    path = write_pdf(documents / "doc.pdf", pages=3)
+    print_document(path, office, {"media": "iso_a4_210x297mm", "copies": "1"})
+    assert not path.exists()
+    assert wait_for(lambda: len(printed_documents()) == 1, timeout=60)
+    assert wait_for(lambda: pdf_pages(printed_documents()[0]) == 3)
+
+
+def test_non_ascii_paths_print_from_a_uuid_copy_and_the_original_stays(office, documents):
+    named = write_pdf(documents / "отчёты" / "квартал.pdf")
+    bare = write_pdf(documents / "отчёты" / "без-расширения")
+    print_document(named, office)
+    print_document(bare, office)
+    assert sorted(p.name for p in named.parent.iterdir()) == sorted(["квартал.pdf", "без-расширения"])
+    assert wait_for(lambda: len(printed_documents()) == 2, timeout=60)
+
+
+def test_refused_jobs_explain_themselves_and_keep_the_callers_files(office, documents):
+    path = write_pdf(documents / "doc.pdf")
+    unknown = error_of(print_document, path, office, {"zoom": "2", "color": "x", "Copies": "1", "copies": "1"})
+    assert (unknown.name, unknown.message) == (
+        "ru.zorv.PrintingService.Error",
+        "Unknown option 'Copies'. List of supported options:\n" + "".join(f"\t - {n}\n" for n in SUPPORTED))
+    assert error_of(print_document, path, office, {"pdfAutoRotate": "false"}).message.startswith(
+        "Unknown option 'pdfAutoRotate'.")
+    for document, printer, message in [
+        (path, "Nobody", "cups_name is empty"),
+        (path, "", "invalid argument"),
+        ("/nowhere/doc.pdf", office, "file /nowhere/doc.pdf doesn't exist."),
+        # Arguments swapped: the printer name is taken for the file.
+        (office, str(path), f"file {office} doesn't exist."),
+    ]:
+        assert error_of(print_document, document, printer).message == message
+    assert path.exists()
+
+    foreign = write_pdf(documents / "чужой" / "doc.pdf")
+    assert error_of(print_document, foreign, "Nobody").message == "cups_name is empty"
+    # The copy made before the printer was looked up stays beside the original.
+    assert len(list(foreign.parent.iterdir())) == 2
+    assert printed_documents() == []
+
+
+def test_ten_clients_printing_at_once_on_two_printers_all_get_through(office, documents):
+    manager("addPrinter", PRINTER_URI, "Home", [])
+    failures = []
+
+    def submit(index):
+        try:
+            print_document(write_pdf(documents / f"job-{index}.pdf", 1 + index % 3), "Home" if index % 2 else office,
+                           private=True)
+        except Exception as error:  # noqa: BLE001 - any failure is the finding
+            failures.append(repr(error))
+
+    threads = [threading.Thread(target=submit, args=(i,)) for i in range(10)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert failures == []
+    # Two queues share one printer: the scheduler retries the second every ~10 s.
+    assert wait_for(lambda: len(printed_documents()) >= 10, timeout=150)
+    assert len(printed_documents()) == 10
