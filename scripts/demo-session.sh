@@ -134,8 +134,12 @@ has_printed() {
 }
 
 echo "=== services"
-"$build/tests/world/kestrel-test-syslog" "$events" >"$KESTREL_WORLD_DIR/system-log.log" 2>&1 &
+# python-dbusmock plays the platform's system-log service and logs each call.
+/usr/bin/python3 -m dbusmock --system -l "$events" ru.quentis.SystemLogs /ru/quentis/SystemLogs ru.quentis.SystemLogs \
+    >"$KESTREL_WORLD_DIR/system-log.log" 2>&1 &
 wait_for "the system-log stand-in did not take ru.quentis.SystemLogs" 10 name_owned ru.quentis.SystemLogs
+busctl --system call ru.quentis.SystemLogs /ru/quentis/SystemLogs org.freedesktop.DBus.Mock AddMethod \
+    sssss ru.quentis.SystemLogs sendEventStringAlt sss "" "" >/dev/null
 echo "system-log stand-in owns ru.quentis.SystemLogs (events go to $events)"
 
 "$build/kestrel-printd" >"$daemon_log" 2>&1 &

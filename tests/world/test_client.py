@@ -169,9 +169,11 @@ def test_watch_prints_one_line_per_signal_until_interrupted(office):
         assert watcher.stderr.readline().startswith("Watching the print service")
     manager("removePrinter", "Office")
     assert client("scan", "--timeout", "30").returncode == 0
+    # Both signals have reached a watcher once it has written two lines.
+    seen = [watcher.stdout.readline() + watcher.stdout.readline() for watcher in watchers.values()]
     watchers[()].send_signal(signal.SIGINT)
     watchers[("--json",)].send_signal(signal.SIGTERM)
-    text, lines = (watcher.communicate(timeout=30)[0] for watcher in watchers.values())
+    text, lines = (head + watcher.communicate(timeout=30)[0] for head, watcher in zip(seen, watchers.values()))
     assert all(watcher.returncode == 0 for watcher in watchers.values())
     assert text.startswith("Saved printers changed: (none)\nAccessible printers changed: ")
     saved, found = map(json.loads, lines.splitlines())

@@ -82,6 +82,9 @@ def test_option_value_longer_than_ipp_carries_is_refused_at_once_while_others_ar
     refused = time.monotonic() - started
     assert "value of option 'media' is 40000 bytes long, more than the 32767 bytes IPP can carry" in error
     assert refused < 1 and other < 1
+    # An unknown name is still reported first, with its own message.
+    assert error_of(print_document, document, office, {"copies": "a" * 40000, "zoom": "1"}).message.startswith(
+        "Unknown option 'zoom'.")
     assert document.exists() and not shell("lpstat -o")
 
 
