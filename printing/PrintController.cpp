@@ -81,13 +81,10 @@ int PrintController::createJob(const Document& document, const std::string& cups
     });
 }
 
-// When the printer fails in the middle of a job, the scheduler stops the queue
-// whatever its error policy (the backend asks for it), and nothing restarts
-// it: every later job would wait there for good. So a stopped queue is
-// restarted here, before the job, rather than given an error policy when it
-// is created: that would not cover this stop, nor heal queues made before.
-// The service owns its queues and never pauses one, so a stopped queue is
-// one the scheduler stopped. The held job goes first once the printer is back.
+// The scheduler stops a queue when its printer vanishes in the middle of a
+// document (the backend asks for it, whatever the error policy) and nothing
+// else restarts it. Resuming here also heals queues made before; the service
+// never pauses its queues, so a stopped one is the scheduler's doing.
 void PrintController::restartStoppedQueue(const std::string& cupsName)
 {
     if (!cups->isStopped(cupsName))
