@@ -5,9 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 using Kestrel::Private::DatabaseManager;
@@ -75,35 +73,6 @@ TEST_F(DatabaseManagerTest, InvalidFileIsRemovedByAFailingStartAndRecreatedByThe
         SQLite::Database db(file());
         EXPECT_TRUE(db.tableExists("printers"));
         EXPECT_EQ(db.execAndGet("SELECT value FROM version WHERE id=1").getString(), "0.0.1");
-    }
-}
-
-TEST_F(DatabaseManagerTest, UnreadableFileIsKeptBesideAFreshRegistryInTheSameStart)
-{
-    DatabaseManager(directory).insert("uuid-1", std::string(20000, 'x'));
-    std::ifstream whole(file(), std::ios::binary);
-    const std::string sqlite(std::istreambuf_iterator<char>(whole), {});
-    const std::vector<std::string> contents = {
-        std::string(4096, '\x5a'), sqlite.substr(0, sqlite.size() / 2), "printer=Office\n"};
-    for (const auto& content : contents) {
-        fs::remove_all(directory);
-        fs::create_directories(directory);
-        std::ofstream(file(), std::ios::binary) << content;
-        ::testing::internal::CaptureStderr();
-        DatabaseManager registry(directory);
-        const auto line = ::testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(registry.getUserNames().empty());
-        std::vector<fs::path> kept;
-        for (const auto& entry : fs::directory_iterator(directory))
-            if (entry.path() != file())
-                kept.push_back(entry.path());
-        ASSERT_EQ(kept.size(), 1u);
-        EXPECT_THAT(kept[0].filename().string(), ::testing::MatchesRegex("printers\\.db\\.damaged-[0-9]{8}T[0-9]{6}Z"));
-        std::ifstream keptFile(kept[0], std::ios::binary);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(keptFile), {}), content);
-        EXPECT_THAT(line, ::testing::StartsWith("ERROR: : the database " + file()));
-        EXPECT_THAT(line, ::testing::HasSubstr(kept[0].string()));
-        EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1);
     }
 }
 

@@ -12,18 +12,18 @@ from conftest import (PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, error_of, ma
                       queues, shell, start_printer, wait_for, write_pdf)
 
 
-def sqlite_registry_cut_in_half():
+def write_registry(version_row=True, printers=0):
     db = sqlite3.connect(REGISTRY)
     db.executescript("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL);"
                      "CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
-                     "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT));"
-                     "INSERT INTO version VALUES (1, '0.0.1');")
+                     "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT));")
+    if version_row:
+        db.execute("INSERT INTO version VALUES (1, '0.0.1')")
     db.executemany("INSERT INTO printers (cups_name, user_name) VALUES (?, ?)",
-                   [(f"uuid-{i}", f"Printer {i} " + "x" * 500) for i in range(50)])
+                   [(f"uuid-{i}", f"Printer {i} " + "x" * 500) for i in range(printers)])
     db.commit()
     db.close()
-    whole = REGISTRY.read_bytes()
-    return whole[:len(whole) // 2]
+    return REGISTRY.read_bytes()
 
 
 def write_large_pdf(path):
@@ -49,7 +49,7 @@ def write_large_pdf(path):
 @pytest.mark.parametrize("damage", ["garbage", "truncated", "text"])
 def test_unreadable_registry_is_kept_aside_and_the_same_start_answers(system_log, damage):
     content = {"garbage": lambda: os.urandom(8192),
-               "truncated": sqlite_registry_cut_in_half,
+               "truncated": lambda: (lambda whole: whole[:len(whole) // 2])(write_registry(printers=50)),
                "text": lambda: b"Office = ipp://printer.local/\n"}[damage]()
     REGISTRY.write_bytes(content)
     assert manager("getSavedPrinters") == []
@@ -60,11 +60,7 @@ def test_unreadable_registry_is_kept_aside_and_the_same_start_answers(system_log
 
 
 def test_registry_with_tables_but_no_version_row_answers_again_within_two_starts(system_log):
-    db = sqlite3.connect(REGISTRY)
-    db.executescript("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL);"
-                     "CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
-                     "user_name TEXT NOT NULL UNIQUE, PRIMARY KEY(\"id\" AUTOINCREMENT));")
-    db.close()
+    write_registry(version_row=False)
     error_of(manager, "getSavedPrinters")
     assert f"failed to remove the invalid database{REGISTRY}" in daemon_log()
     assert manager("getSavedPrinters") == []
