@@ -29,6 +29,7 @@ WORLD = Path(os.environ.get("KESTREL_WORLD_DIR", "/nonexistent"))
 SPOOL = Path(os.environ.get("KESTREL_PRINTER_SPOOL", "/nonexistent"))
 PRINTER_URI = os.environ.get("KESTREL_PRINTER_URI", "")
 DAEMON_LOG = WORLD / "daemon.log"
+DAEMON_ENV = WORLD / "daemon.env"
 REGISTRY = Path("/var/lib/print/printers.db")
 SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer")
 
@@ -322,6 +323,7 @@ def _require_world():
 
 def reset_world():
     stop_daemon()
+    DAEMON_ENV.unlink(missing_ok=True)
     if not scheduler_running():
         start_scheduler()
     if not printer_running():

@@ -90,6 +90,8 @@ if [ -n "${KESTREL_DAEMON:-}" ]; then
     cat >"$launcher" <<LAUNCHER
 #!/bin/sh
 export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}'
+# A test may point the next daemon elsewhere, e.g. CUPS_SERVER at a recorder.
+[ -f '$KESTREL_WORLD_DIR/daemon.env' ] && . '$KESTREL_WORLD_DIR/daemon.env'
 exec '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
 LAUNCHER
     chmod 0755 "$launcher"
