@@ -45,7 +45,7 @@ protected:
     std::unique_ptr<PrinterController> controller;
 };
 
-TEST_F(PrinterControllerTest, AddingAnIppPrinterDefinesADriverlessQueueEnablesItSavesItAndLogsIt)
+TEST_F(PrinterControllerTest, AddingAnIppPrinterDefinesADriverlessQueueEnablesItWaitsUntilSetUpSavesItAndLogsIt)
 {
     const std::string uri = "ipp://127.0.0.1:631/ipp/print";
     std::string queue;
@@ -66,6 +66,19 @@ TEST_F(PrinterControllerTest, AddingAnIppPrinterDefinesADriverlessQueueEnablesIt
         EXPECT_CALL(*handler, addBoolean(IPP_TAG_PRINTER, std::string_view("printer-is-accepting-jobs"), true));
         EXPECT_CALL(*handler, addInteger(IPP_TAG_PRINTER, IPP_TAG_ENUM, std::string_view("printer-state"), 3));
         EXPECT_CALL(*handler, executeAdminRequest());
+        // Saved only once the scheduler has set the queue up from the printer.
+        const std::unordered_set<std::string> model = {"printer-make-and-model"};
+        for (const char* answer : {"Local Raw Printer", "Printer - IPP Everywhere"}) {
+            EXPECT_CALL(*handler, prepareRequest(_, IPP_OP_GET_PRINTER_ATTRIBUTES))
+                .WillOnce([&](std::string name, ipp_op_t) { EXPECT_EQ(name, queue); });
+            EXPECT_CALL(*handler, addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD,
+                                             std::string_view("requested-attributes"), model));
+            EXPECT_CALL(*handler, executeAdminRequest());
+            EXPECT_CALL(*handler, getAttributes(model)).WillOnce([this, answer](auto&) {
+                EXPECT_TRUE(database->getUserNames().empty());
+                return AttributeMap{{"printer-make-and-model", {answer}}};
+            });
+        }
         EXPECT_CALL(*logger, sendEvent("INFO_LEVEL", "printer-added", "Office"));
     }
     controller->addPrinter(uri, "Office", {});
