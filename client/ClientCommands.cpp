@@ -1,108 +1,136 @@
 #include "ClientCommands.h"
 
 #include "BusEventLoop.h"
+#include "ErrorExplainer.h"
+#include "Failure.h"
 #include "Output.h"
+#include "PrintOptions.h"
 #include "PrintServiceProxy.h"
 
 #include <filesystem>
 #include <optional>
-#include <set>
 
 namespace Kestrel::Client {
 
 namespace {
 
-const char* const notRunning = "the print service is not running on the system bus";
-
 // Method calls such as adding a printer may wait on a slow printer; give them
 // longer than the bus library's default.
-constexpr std::chrono::minutes methodCallTimeout{2};
+constexpr std::chrono::minutes methodCallTimeout {2};
+
+// Ends a command that was interrupted: the shell's status for SIGINT.
+struct Interrupted
+{
+};
 
 } // namespace
 
-ClientCommands::ClientCommands(std::ostream& out, std::ostream& err)
+ClientCommands::ClientCommands(std::ostream& out, std::ostream& err, bool terminal)
     : out_(out)
     , err_(err)
+    , terminal_(terminal)
 {
 }
 
 int ClientCommands::run(const CommandLine::Invocation& invocation)
 {
-    if (invocation.help) {
-        out_ << (invocation.command.empty() ? CommandLine::toolHelp() : CommandLine::commandHelp(invocation.command));
+    if (!invocation.text.empty()) {
+        out_ << invocation.text;
         return 0;
     }
+    Output output(out_, err_, invocation.json, terminal_);
+    try {
+        auto connection = connect();
+        std::unique_ptr<PrintServiceProxy> proxy;
+        const ErrorExplainer explainer(invocation, [&proxy] {
+            if (!proxy)
+                throw sdbus::Error("org.freedesktop.DBus.Error.Disconnected", "no proxy");
+            return proxy->getSavedPrinters();
+        });
+        try {
+            proxy = std::make_unique<PrintServiceProxy>(*connection);
+            dispatch(invocation, *connection, *proxy, output);
+        } catch (const sdbus::Error& error) {
+            throw explainer.explain(error);
+        }
+    } catch (const Failure& failure) {
+        output.failure(failure);
+        return static_cast<int>(failure.status());
+    } catch (const Interrupted&) {
+        output.endProgress();
+        return 130;
+    }
+    return 0;
+}
 
+std::unique_ptr<sdbus::IConnection> ClientCommands::connect()
+{
     try {
         auto connection = sdbus::createSystemBusConnection();
         connection->setMethodCallTimeout(methodCallTimeout);
-        PrintServiceProxy proxy(*connection);
-        Output output(out_, invocation.json);
-        return dispatch(invocation, *connection, proxy, output);
+        return connection;
     } catch (const sdbus::Error& error) {
-        return report(error);
-    } catch (const std::exception& error) {
-        err_ << "kestrel-print: " << error.what() << '\n';
-        return 1;
+        throw ErrorExplainer::noSystemBus(error);
     }
 }
 
-int ClientCommands::dispatch(const CommandLine::Invocation& invocation, sdbus::IConnection& connection,
-                             PrintServiceProxy& proxy, Output& output)
+void ClientCommands::dispatch(
+    const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     const auto& command = invocation.command;
     const auto& arguments = invocation.arguments;
-    if (command == "list") {
-        output.savedPrinters(proxy.getSavedPrinters());
-        return 0;
-    }
+    if (command == "list")
+        return output.savedPrinters(proxy.getSavedPrinters());
     if (command == "add") {
         proxy.addPrinter(arguments[0], arguments[1], invocation.users);
-        output.printerAdded(arguments[0], arguments[1], invocation.users);
-        return 0;
+        return output.printerAdded(arguments[0], arguments[1], invocation.users);
     }
     if (command == "remove") {
         proxy.removePrinter(arguments[0]);
-        output.printerRemoved(arguments[0]);
-        return 0;
+        return output.printerRemoved(arguments[0]);
     }
     if (command == "rename") {
         proxy.renamePrinter(arguments[0], arguments[1]);
-        output.printerRenamed(arguments[0], arguments[1]);
-        return 0;
+        return output.printerRenamed(arguments[0], arguments[1]);
     }
-    if (command == "attributes") {
-        output.attributes(arguments[0], proxy.getPrinterAttributes(arguments[0]));
-        return 0;
-    }
+    if (command == "attributes")
+        return output.attributes(arguments[0], proxy.getPrinterAttributes(arguments[0]));
     if (command == "scan")
         return scan(invocation, connection, proxy, output);
     if (command == "print")
         return print(invocation, proxy, output);
-    return watch(connection, proxy, output);
+    watch(connection, proxy, output);
 }
 
-int ClientCommands::scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection,
-                         PrintServiceProxy& proxy, Output& output)
+void ClientCommands::scan(
+    const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     std::optional<std::map<std::string, std::string>> found;
     proxy.onAccessiblePrinters([&found](const auto& printers) { found = printers; });
     BusEventLoop loop(connection);
     proxy.scan();
-    const auto outcome
-        = loop.runUntil([&found] { return found.has_value(); }, std::chrono::steady_clock::now() + invocation.timeout);
-    if (outcome == BusEventLoop::Outcome::Interrupted)
-        return 130;
-    if (outcome == BusEventLoop::Outcome::TimedOut) {
-        err_ << "gave up waiting for the scan after " << invocation.timeout.count()
-             << " s; the print service may still be scanning\n";
-        return 1;
+    const auto started = std::chrono::steady_clock::now();
+    const auto deadline = started + invocation.timeout;
+    for (auto elapsed = std::chrono::seconds(0);; ++elapsed) {
+        output.progress("Scanning for printers: " + std::to_string(elapsed.count()) + " s (at most "
+            + std::to_string(invocation.timeout.count()) + " s)");
+        const auto outcome = loop.runUntil(
+            [&found] { return found.has_value(); }, std::min(deadline, started + elapsed + std::chrono::seconds(1)));
+        if (outcome == BusEventLoop::Outcome::Interrupted)
+            throw Interrupted();
+        if (outcome == BusEventLoop::Outcome::Done)
+            break;
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw Failure("scan_timeout",
+                "gave up waiting for the scan after " + std::to_string(invocation.timeout.count())
+                    + " s; the print service may still be scanning",
+                ExitStatus::Refused);
     }
-    output.accessiblePrinters(*found);
-    return 0;
+    output.endProgress();
+    output.devices(*found);
 }
 
-int ClientCommands::watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
+void ClientCommands::watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     proxy.onSavedPrinters([&output](const auto& printers) { output.savedPrintersChanged(printers); });
     proxy.onAccessiblePrinters([&output](const auto& printers) { output.accessiblePrintersChanged(printers); });
@@ -112,34 +140,18 @@ int ClientCommands::watch(sdbus::IConnection& connection, PrintServiceProxy& pro
     proxy.ping();
     err_ << "Watching the print service; press Ctrl+C to stop." << std::endl;
     loop.runUntil([] { return false; }, std::nullopt);
-    return 0;
 }
 
-int ClientCommands::print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output)
+void ClientCommands::print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output)
 {
     // The service resolves nothing against our working directory.
     const auto file = std::filesystem::absolute(invocation.arguments[0]).lexically_normal().string();
-    proxy.print(file, invocation.printer, invocation.options);
-    output.printed(file, invocation.printer, invocation.options);
-    return 0;
-}
-
-int ClientCommands::report(const sdbus::Error& error)
-{
-    // Nobody owns the name, or there is no system bus to own it on.
-    static const std::set<std::string> absent = {
-        "org.freedesktop.DBus.Error.ServiceUnknown",
-        "org.freedesktop.DBus.Error.NameHasNoOwner",
-        "org.freedesktop.DBus.Error.FileNotFound",
-        "System.Error.ECONNREFUSED",
-    };
-    const auto& name = error.getName();
-    if (absent.count(name)) {
-        err_ << notRunning << '\n';
-        return 1;
-    }
-    err_ << (error.getMessage().empty() ? name : error.getMessage()) << '\n';
-    return 1;
+    const PrintOptions options(invocation.options);
+    auto toSend = invocation.options;
+    if (!invocation.force && options.needsCapabilities())
+        toSend = options.checkedAgainst(proxy.getPrinterAttributes(invocation.printer), invocation.printer);
+    proxy.print(file, invocation.printer, toSend);
+    output.printed(file, invocation.printer, toSend, invocation.force);
 }
 
 } // namespace Kestrel::Client

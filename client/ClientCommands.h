@@ -2,10 +2,10 @@
 
 #include "CommandLine.h"
 
+#include <memory>
 #include <ostream>
 
 namespace sdbus {
-class Error;
 class IConnection;
 }
 
@@ -19,21 +19,23 @@ class PrintServiceProxy;
 class ClientCommands
 {
 public:
-    ClientCommands(std::ostream& out, std::ostream& err);
+    // terminal: standard error is a terminal (for the live line of scan).
+    ClientCommands(std::ostream& out, std::ostream& err, bool terminal);
 
     int run(const CommandLine::Invocation& invocation);
 
 private:
-    int dispatch(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
-                 Output& output);
-    int scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
-             Output& output);
-    int watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output);
-    int print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output);
-    int report(const sdbus::Error& error);
+    static std::unique_ptr<sdbus::IConnection> connect();
+    void dispatch(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
+        Output& output);
+    void scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
+        Output& output);
+    void watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output);
+    void print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output);
 
     std::ostream& out_;
     std::ostream& err_;
+    bool terminal_;
 };
 
 } // namespace Kestrel::Client

@@ -1,121 +1,98 @@
 #include "CommandLine.h"
 
+#include "PrintOptions.h"
+
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <cctype>
-#include <optional>
 
 namespace Kestrel::Client {
 
 namespace {
 
-struct CommandEntry
-{
-    const char* name;
-    std::size_t argumentCount;
-    const char* synopsis;
-    const char* summary;
-    const char* details;
-    std::vector<std::string> options;
-};
+const char* const toolFooter = "Data goes to standard output; notes and errors go to standard error. With\n"
+                               "--json every command writes one JSON object, and an error is one JSON object\n"
+                               "on standard error.\n"
+                               "\n"
+                               "Exit status:\n"
+                               "  0  success\n"
+                               "  1  the service refused the request (for print options: the printer does\n"
+                               "     not support them), or a scan did not finish in time\n"
+                               "  2  wrong usage\n"
+                               "  3  the service cannot be reached: not running, failed to start, no system bus\n"
+                               "  4  permission denied\n"
+                               "\n"
+                               "Run 'kestrel-print COMMAND --help' for the details of one command.";
 
-const std::vector<CommandEntry>& commands()
+const char* const printFooter = "Print options (-o NAME=VALUE, each NAME at most once):\n"
+                                "  copies=N                   number of copies, a whole number from 1\n"
+                                "  fit-to-page=true|false     scale each page to fit the paper\n"
+                                "  media=SIZE                 paper size, one the printer lists\n"
+                                "  orientation-requested=O    portrait, landscape, reverse-landscape or\n"
+                                "                             reverse-portrait (or 3 to 6), one the printer lists\n"
+                                "  outputorder=normal|reverse order in which the pages come out\n"
+                                "  page-ranges=LIST           pages to print, ascending, e.g. 1-4,7,9-12\n"
+                                "  print-color-mode=MODE      e.g. color or monochrome, one the printer lists\n"
+                                "  sides=SIDES                one-sided, two-sided-long-edge or\n"
+                                "                             two-sided-short-edge, one the printer lists\n"
+                                "\n"
+                                "Before sending, the values of sides, media, print-color-mode and\n"
+                                "orientation-requested are checked against what the printer lists (see\n"
+                                "'kestrel-print attributes NAME'), and orientation names are sent as their\n"
+                                "IPP numbers. --force sends every option as written, unchecked.\n"
+                                "\n"
+                                "THE SERVICE DELETES FILE once the job has been handed over: print a copy if\n"
+                                "you want to keep it. A relative FILE is resolved against the current\n"
+                                "directory, because the service does not share it.";
+
+// A printer or account name that the service would refuse only with a
+// registry text.
+CLI::Validator nonEmpty()
 {
-    static const std::vector<CommandEntry> entries = {
-        {"list", 0, "list", "list the saved printers",
-         "Prints the names of the saved printers, one per line.\n"
-         "With --json: an array of names.\n",
-         {}},
-        {"add", 2, "add URI NAME [--user USER]...", "save a printer under a name",
-         "Creates a print queue for the device URI (as shown by 'scan') and saves it\n"
-         "under NAME. Each --user names an account that may use the printer.\n"
-         "With --json: {\"added\": {\"name\", \"uri\", \"users\"}}.\n",
-         {"--user"}},
-        {"remove", 1, "remove NAME", "remove a saved printer",
-         "Deletes the printer's queue and forgets the name.\n"
-         "With --json: {\"removed\": {\"name\"}}.\n",
-         {}},
-        {"rename", 2, "rename OLD NEW", "rename a saved printer",
-         "Gives the saved printer OLD the name NEW.\n"
-         "With --json: {\"renamed\": {\"from\", \"to\"}}.\n",
-         {}},
-        {"attributes", 1, "attributes NAME", "show what a printer supports",
-         "Asks the printer for its capabilities and prints one block per capability:\n"
-         "its name, then its values indented below it.\n"
-         "With --json: an object mapping each capability to its list of values.\n",
-         {}},
-        {"scan", 0, "scan [--timeout SECONDS]", "look for printers that can be added",
-         "Asks the service to look for attached and network printers and waits for the\n"
-         "answer, at most SECONDS (default 60). Prints the device URI and the make and\n"
-         "model of each printer found; the URI is what 'add' expects.\n"
-         "With --json: an object mapping each device URI to its make and model.\n",
-         {"--timeout"}},
-        {"print", 1, "print FILE --printer NAME [-o OPTION=VALUE]...", "print a PDF document",
-         "Sends the PDF document FILE to the saved printer NAME. Each -o (or --option)\n"
-         "passes a print option such as media=iso_a4_210x297mm or sides=two-sided-long-edge.\n"
-         "The service DELETES FILE once the job has been handed over; print a copy if\n"
-         "you want to keep it. A relative FILE is resolved against the current\n"
-         "directory, because the service does not share it.\n"
-         "With --json: {\"printed\": {\"file\", \"printer\", \"options\"}}.\n",
-         {"--printer", "--option"}},
-        {"watch", 0, "watch", "show changes as the service announces them",
-         "Prints every change of the saved or of the reachable printers as the service\n"
-         "announces it, until interrupted (Ctrl+C or SIGTERM), then exits with 0.\n"
-         "With --json: one JSON object per line, {\"signal\", \"printers\"}.\n",
-         {}},
-    };
-    return entries;
+    return CLI::Validator(
+        [](const std::string& text) { return text.empty() ? std::string("must not be empty") : std::string(); }, "",
+        "non-empty");
 }
 
-const CommandEntry* findCommand(const std::string& name)
+CLI::App* command(CLI::App& app, const std::string& name, const std::string& description, const std::string& footer)
 {
-    const auto& entries = commands();
-    const auto found = std::find_if(entries.begin(), entries.end(),
-                                    [&](const CommandEntry& entry) { return name == entry.name; });
-    return found == entries.end() ? nullptr : &*found;
+    auto* sub = app.add_subcommand(name, description);
+    sub->set_help_all_flag();
+    sub->fallthrough();
+    sub->footer(footer);
+    return sub;
 }
 
-std::chrono::seconds parseTimeout(const std::string& text, const std::string& command)
+// Without a command CLI11 only knows that one is missing; say which word was
+// taken for one.
+std::string commandError(int argc, const char* const argv[])
 {
-    const bool digitsOnly = !text.empty() && text.size() <= 5
-        && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-    const long seconds = digitsOnly ? std::stol(text) : 0;
-    if (seconds < 1 || seconds > 86400)
-        throw CommandLine::UsageError("--timeout takes a whole number of seconds from 1 to 86400", command);
-    return std::chrono::seconds(seconds);
-}
-
-void addOption(CommandLine::Invocation& invocation, const std::string& text)
-{
-    const auto equals = text.find('=');
-    if (equals == std::string::npos || equals == 0)
-        throw CommandLine::UsageError("print options are written OPTION=VALUE, not '" + text + "'", "print");
-    const auto name = text.substr(0, equals);
-    if (!invocation.options.emplace(name, text.substr(equals + 1)).second)
-        throw CommandLine::UsageError("print option '" + name + "' is given twice", "print");
-}
-
-void applyOption(CommandLine::Invocation& invocation, const std::string& name, const std::string& value)
-{
-    if (name == "--user") {
-        invocation.users.push_back(value);
-        return;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument.empty() || argument.front() != '-')
+            return "unknown command '" + argument + "'";
     }
-    if (name == "--printer") {
-        invocation.printer = value;
-        return;
+    return "no command given";
+}
+
+bool jsonRequested(int argc, const char* const argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--")
+            return false;
+        if (argument == "--json")
+            return true;
     }
-    if (name == "--timeout") {
-        invocation.timeout = parseTimeout(value, invocation.command);
-        return;
-    }
-    addOption(invocation, value);
+    return false;
 }
 
 } // namespace
 
-CommandLine::UsageError::UsageError(const std::string& message, std::string command)
+CommandLine::UsageError::UsageError(const std::string& message, std::string command, bool json)
     : std::runtime_error(message)
     , command_(std::move(command))
+    , json_(json)
 {
 }
 
@@ -124,102 +101,134 @@ const std::string& CommandLine::UsageError::command() const
     return command_;
 }
 
-CommandLine::Invocation CommandLine::parse(const std::vector<std::string>& arguments)
+bool CommandLine::UsageError::json() const
 {
-    Invocation invocation;
-    bool optionsEnded = false;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        if (!optionsEnded && argument == "--") {
-            optionsEnded = true;
-            continue;
-        }
-        if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
-            if (!invocation.command.empty()) {
-                invocation.arguments.push_back(argument);
-                continue;
-            }
-            if (!findCommand(argument))
-                throw UsageError("unknown command '" + argument + "'", "");
-            invocation.command = argument;
-            continue;
-        }
+    return json_;
+}
 
-        std::string name = argument;
-        std::optional<std::string> value;
-        if (argument.rfind("--", 0) == 0 && argument.find('=') != std::string::npos) {
-            name = argument.substr(0, argument.find('='));
-            value = argument.substr(argument.find('=') + 1);
-        } else if (argument.rfind("-o", 0) == 0 && argument.size() > 2) {
-            name = "-o";
-            value = argument.substr(2);
-        }
-        if (name == "-o")
-            name = "--option";
+CommandLine::CommandLine()
+    : app_(std::make_unique<CLI::App>("Manages printers and prints PDF documents through the Kestrel print service\n"
+                                      "(ru.zorv.print on the system bus).",
+        "kestrel-print"))
+{
+    auto& app = *app_;
+    auto& call = invocation_;
+    app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "Show the help of the tool and of every command, and exit");
+    app.set_version_flag("--version", "kestrel-print " KESTREL_VERSION);
+    app.add_flag("--json", call.json, "Write results as JSON (one object per command, or per line for watch)");
+    app.footer(toolFooter);
 
-        if ((name == "--json" || name == "--help" || name == "-h") && !value) {
-            (name == "--json" ? invocation.json : invocation.help) = true;
-            continue;
+    command(
+        app, "list", "List the saved printers, one name per line.", "With --json: {\"printers\": [{\"name\": NAME}]}.");
+
+    auto* add = command(app, "add", "Create a print queue for a device URI (as 'scan' shows it) and save it as NAME.",
+        "With --json: {\"printer\": NAME, \"uri\": URI, \"users\": [USER]}.");
+    add->add_option("URI", "Device URI of the printer")->required();
+    add->add_option("NAME", "Name to save the printer under")->required()->check(nonEmpty());
+    add->add_option("-u,--user", call.users,
+           "Local user account to name with the printer; the service only checks that it exists (repeatable)")
+        ->type_name("USER")
+        ->check(nonEmpty());
+
+    auto* remove = command(
+        app, "remove", "Delete a saved printer's queue and forget its name.", "With --json: {\"printer\": NAME}.");
+    remove->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
+
+    auto* rename = command(app, "rename", "Give a saved printer a new name; its queue stays.",
+        "With --json: {\"printer\": NEW, \"old_name\": OLD}.");
+    rename->add_option("OLD", "Saved printer")->required()->check(nonEmpty());
+    rename->add_option("NEW", "Its new name")->required()->check(nonEmpty());
+
+    auto* attributes
+        = command(app, "attributes", "Show what a saved printer supports: media, sides, colour modes, orientations.",
+            "With --json: {\"printer\": NAME, \"attributes\": {ATTRIBUTE: [VALUE]}}.");
+    attributes->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
+
+    auto* scan = command(app, "scan", "Look for attached and network printers that can be added.",
+        "Prints each device URI (what 'add' expects) with its make and model. The\n"
+        "service reports a failed discovery (for example CUPS not running) as an empty one.\n"
+        "With --json: {\"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
+    scan->add_option("-t,--timeout", timeoutSeconds_, "Seconds to wait for the answer (default 60)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400));
+
+    auto* print = command(app, "print", "Print a PDF document on a saved printer, then the service deletes it.",
+        std::string(printFooter)
+            + "\n\nWith --json: {\"printer\": NAME, \"file\": PATH, "
+              "\"options\": {NAME: VALUE}, \"forced\": BOOL}.");
+    print->add_option("FILE", "PDF document to print (deleted once printed)")->required();
+    print->add_option("-p,--printer", call.printer, "Saved printer to print on")
+        ->type_name("NAME")
+        ->required()
+        ->check(nonEmpty());
+    print->add_option("-o,--option", optionTexts_, "Print option (repeatable, see below)")
+        ->type_name("NAME=VALUE")
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return text.find('=') == std::string::npos || text.front() == '='
+                    ? "print options are written NAME=VALUE, not '" + text + "'"
+                    : std::string();
+            },
+            ""));
+    print->add_flag("-f,--force", call.force, "Send the options unchecked");
+
+    command(app, "watch", "Show every change of the saved or reachable printers until interrupted.",
+        "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"
+        "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]} or\n"
+        "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
+}
+
+CommandLine::~CommandLine() = default;
+
+CommandLine::Invocation CommandLine::parse(int argc, const char* const argv[])
+{
+    auto& app = *app_;
+    const auto selected = [&app] {
+        const auto subcommands = app.get_subcommands();
+        return subcommands.empty() ? std::string() : subcommands.front()->get_name();
+    };
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        invocation_.text = app.help();
+        return invocation_;
+    } catch (const CLI::CallForAllHelp&) {
+        // Each command's own help in full, its footer included (the manual page is made of it).
+        invocation_.text = app.help();
+        for (const auto* sub : app.get_subcommands({})) {
+            // A line ending in a colon over an indented one starts a section of the manual page.
+            auto text = sub->help(app.get_name());
+            invocation_.text
+                += "\nCommand " + sub->get_name() + ":\n  " + text.replace(text.find("\nUsage:"), 1, "\n\n");
         }
-        const CommandEntry* entry = findCommand(invocation.command);
-        if (!entry || std::find(entry->options.begin(), entry->options.end(), name) == entry->options.end()) {
-            const auto where = invocation.command.empty() ? std::string() : " for '" + invocation.command + "'";
-            throw UsageError("unknown option '" + argument + "'" + where, invocation.command);
-        }
-        if (!value) {
-            if (i + 1 == arguments.size())
-                throw UsageError("option '" + argument + "' needs a value", invocation.command);
-            value = arguments[++i];
-        }
-        applyOption(invocation, name, *value);
+        return invocation_;
+    } catch (const CLI::CallForVersion& version) {
+        invocation_.text = std::string(version.what()) + "\n";
+        return invocation_;
+    } catch (const CLI::ParseError& error) {
+        const auto command = selected();
+        throw UsageError(command.empty() ? commandError(argc, argv) : error.what(), command, jsonRequested(argc, argv));
     }
-
-    if (invocation.help)
-        return invocation;
-    if (invocation.command.empty())
-        throw UsageError("no command given", "");
-    const CommandEntry* entry = findCommand(invocation.command);
-    if (invocation.arguments.size() != entry->argumentCount)
-        throw UsageError("wrong number of arguments for '" + invocation.command + "'", invocation.command);
-    if (invocation.command == "print" && invocation.printer.empty())
-        throw UsageError("'print' needs --printer NAME", invocation.command);
-    return invocation;
-}
-
-std::string CommandLine::usage(const std::string& command)
-{
-    const CommandEntry* entry = findCommand(command);
-    if (!entry)
-        return "Usage: kestrel-print [--json] COMMAND [ARGUMENTS]\n";
-    return std::string("Usage: kestrel-print ") + entry->synopsis + " [--json]\n";
-}
-
-std::string CommandLine::toolHelp()
-{
-    std::string text = usage("")
-        + "\nManages printers and prints PDF documents through the Kestrel print service\n"
-          "(ru.zorv.print on the system bus).\n\nCommands:\n";
-    for (const auto& entry : commands()) {
-        std::string line = std::string("  ") + entry.synopsis;
-        line += line.size() < 34 ? std::string(34 - line.size(), ' ') : "\n" + std::string(34, ' ');
-        text += line + entry.summary + "\n";
+    invocation_.command = selected();
+    invocation_.timeout = std::chrono::seconds(timeoutSeconds_);
+    for (const auto* positional : app.get_subcommand(invocation_.command)->get_options([](const CLI::Option* option) {
+             return option->get_positional();
+         }))
+        invocation_.arguments.push_back(positional->as<std::string>());
+    for (const auto& text : optionTexts_) {
+        const auto equals = text.find('=');
+        const auto name = text.substr(0, equals);
+        if (!invocation_.options.emplace(name, text.substr(equals + 1)).second)
+            throw UsageError("print option '" + name + "' is given more than once", "print", invocation_.json);
     }
-    return text
-        + "\nOptions:\n"
-          "  --json      write JSON to standard output instead of text\n"
-          "  -h, --help  show this help; after a command, that command's help\n"
-          "\nErrors go to standard error. Exit status: 0 on success, 1 when the service\n"
-          "reports an error or cannot be reached, 2 on wrong usage.\n";
-}
-
-std::string CommandLine::commandHelp(const std::string& command)
-{
-    const CommandEntry* entry = findCommand(command);
-    if (!entry)
-        return toolHelp();
-    std::string summary = entry->summary;
-    summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
-    return usage(command) + "\n" + summary + ".\n\n" + entry->details;
+    try {
+        if (!invocation_.force)
+            PrintOptions(invocation_.options).checkForm();
+    } catch (const std::invalid_argument& error) {
+        throw UsageError(std::string(error.what()) + " (--force sends it anyway)", "print", invocation_.json);
+    }
+    return invocation_;
 }
 
 } // namespace Kestrel::Client

@@ -2,14 +2,20 @@
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 namespace Kestrel::Client {
 
-// Turns the arguments of kestrel-print into one checked request and knows
-// the help texts that describe them.
+// The command line of kestrel-print, declared with CLI11: turns the
+// arguments into one checked request, or into the text --help or --version
+// asked for.
 class CommandLine
 {
 public:
@@ -20,26 +26,37 @@ public:
         std::vector<std::string> users;
         std::string printer;
         std::map<std::string, std::string> options;
-        std::chrono::seconds timeout{60};
+        std::chrono::seconds timeout {60};
         bool json = false;
-        bool help = false;
+        bool force = false;
+        // Set when the arguments asked for help or the version: print it, do nothing else.
+        std::string text;
     };
 
     class UsageError : public std::runtime_error
     {
     public:
-        UsageError(const std::string& message, std::string command);
+        UsageError(const std::string& message, std::string command, bool json);
+        // The command whose help explains the mistake, empty for the tool's.
         const std::string& command() const;
+        // Whether --json was among the arguments, so the error is written as JSON.
+        bool json() const;
 
     private:
         std::string command_;
+        bool json_;
     };
 
-    static Invocation parse(const std::vector<std::string>& arguments);
-    static std::string toolHelp();
-    static std::string commandHelp(const std::string& command);
-    // The usage line of a command, or the tool's when command is empty.
-    static std::string usage(const std::string& command);
+    CommandLine();
+    ~CommandLine();
+
+    Invocation parse(int argc, const char* const argv[]);
+
+private:
+    std::unique_ptr<CLI::App> app_;
+    Invocation invocation_;
+    std::vector<std::string> optionTexts_;
+    int timeoutSeconds_ = 60;
 };
 
 } // namespace Kestrel::Client

@@ -1,5 +1,8 @@
 #include "Output.h"
 
+#include "Failure.h"
+#include "Text.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -8,145 +11,219 @@ namespace Kestrel::Client {
 
 namespace {
 
-std::string joined(const std::vector<std::string>& items)
+using nlohmann::json;
+
+json printerList(const std::vector<std::string>& printers)
 {
-    std::string text;
-    for (const auto& item : items)
-        text += (text.empty() ? "" : ", ") + item;
-    return text;
+    auto list = json::array();
+    for (const auto& printer : printers)
+        list.push_back({{"name", printer}});
+    return list;
 }
 
-std::string quoted(const std::string& name)
+json deviceList(const std::map<std::string, std::string>& devices)
 {
-    return "\"" + name + "\"";
+    auto list = json::array();
+    for (const auto& [uri, makeAndModel] : devices)
+        list.push_back({{"uri", uri}, {"make_and_model", makeAndModel}});
+    return list;
+}
+
+// The service's texts may span lines (the list of known options); a
+// message stays on one.
+std::string oneLine(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
+    std::string line;
+    for (const char c : text) {
+        if (c != ' ' || (!line.empty() && line.back() != ' '))
+            line += c;
+    }
+    while (!line.empty() && line.back() == ' ')
+        line.pop_back();
+    return line;
 }
 
 } // namespace
 
-Output::Output(std::ostream& stream, bool json)
-    : stream_(stream)
+Output::Output(std::ostream& out, std::ostream& err, bool json, bool terminal)
+    : out_(out)
+    , err_(err)
     , json_(json)
+    , terminal_(terminal)
 {
 }
 
 void Output::savedPrinters(const std::vector<std::string>& printers)
 {
     if (json_) {
-        write(printers);
+        write(out_, {{"printers", printerList(printers)}});
         return;
     }
     if (printers.empty())
-        stream_ << "No printers are saved.\n";
+        note("No printers are saved.");
     for (const auto& printer : printers)
-        stream_ << printer << '\n';
+        out_ << printer << '\n';
 }
 
 void Output::printerAdded(const std::string& uri, const std::string& name, const std::vector<std::string>& users)
 {
     if (json_) {
-        write({{"added", {{"name", name}, {"uri", uri}, {"users", users}}}});
+        write(out_, {{"printer", name}, {"uri", uri}, {"users", users}});
         return;
     }
-    stream_ << "Added printer " << quoted(name) << " for " << uri;
-    if (!users.empty())
-        stream_ << " (users: " << joined(users) << ")";
-    stream_ << ".\n";
+    note("Added printer " + quoted(name) + " for " + uri + (users.empty() ? "" : " (users: " + joined(users) + ")")
+        + ".");
 }
 
 void Output::printerRemoved(const std::string& name)
 {
     if (json_) {
-        write({{"removed", {{"name", name}}}});
+        write(out_, {{"printer", name}});
         return;
     }
-    stream_ << "Removed printer " << quoted(name) << ".\n";
+    note("Removed printer " + quoted(name) + ".");
 }
 
 void Output::printerRenamed(const std::string& oldName, const std::string& newName)
 {
     if (json_) {
-        write({{"renamed", {{"from", oldName}, {"to", newName}}}});
+        write(out_, {{"printer", newName}, {"old_name", oldName}});
         return;
     }
-    stream_ << "Renamed printer " << quoted(oldName) << " to " << quoted(newName) << ".\n";
+    note("Renamed printer " + quoted(oldName) + " to " + quoted(newName) + ".");
 }
 
 void Output::attributes(const std::string& printer, const std::map<std::string, std::vector<std::string>>& attributes)
 {
     if (json_) {
-        write(attributes);
+        write(out_, {{"printer", printer}, {"attributes", attributes}});
         return;
     }
     if (attributes.empty())
-        stream_ << "Printer " << quoted(printer) << " reported no attributes.\n";
+        note("Printer " + quoted(printer) + " reported no attributes.");
     bool first = true;
     for (const auto& [name, values] : attributes) {
-        stream_ << (first ? "" : "\n") << name << '\n';
+        out_ << (first ? "" : "\n") << name << '\n';
         first = false;
         if (values.empty())
-            stream_ << "  (no values)\n";
+            out_ << "  (no values)\n";
         for (const auto& value : values)
-            stream_ << "  " << value << '\n';
+            out_ << "  " << value << '\n';
     }
 }
 
-void Output::accessiblePrinters(const std::map<std::string, std::string>& printers)
+void Output::devices(const std::map<std::string, std::string>& devices)
 {
     if (json_) {
-        write(printers);
+        write(out_, {{"devices", deviceList(devices)}});
         return;
     }
-    if (printers.empty()) {
-        stream_ << "No printers found.\n";
+    if (devices.empty()) {
+        note("No printers found. A failed discovery looks the same: if a printer is attached, check that CUPS is "
+             "running.");
         return;
     }
-    deviceTable(printers, "");
+    deviceTable(devices, "");
 }
 
-void Output::printed(const std::string& file, const std::string& printer, const std::map<std::string, std::string>& options)
+void Output::printed(
+    const std::string& file, const std::string& printer, const std::map<std::string, std::string>& options, bool forced)
 {
     if (json_) {
-        write({{"printed", {{"file", file}, {"printer", printer}, {"options", options}}}});
+        write(out_, {{"printer", printer}, {"file", file}, {"options", options}, {"forced", forced}});
         return;
     }
-    stream_ << "Sent " << file << " to printer " << quoted(printer) << ".\n";
+    note("Sent " + file + " to printer " + quoted(printer) + "; the service has deleted the file.");
 }
 
 void Output::savedPrintersChanged(const std::vector<std::string>& printers)
 {
     if (json_) {
-        write({{"signal", "savedPrintersChanged"}, {"printers", printers}});
+        write(out_, {{"signal", "savedPrintersChanged"}, {"printers", printerList(printers)}});
         return;
     }
-    stream_ << "Saved printers changed: " << (printers.empty() ? "(none)" : joined(printers)) << std::endl;
+    out_ << "Saved printers changed: " << (printers.empty() ? "(none)" : joined(printers)) << std::endl;
 }
 
-void Output::accessiblePrintersChanged(const std::map<std::string, std::string>& printers)
+void Output::accessiblePrintersChanged(const std::map<std::string, std::string>& devices)
 {
     if (json_) {
-        write({{"signal", "accessiblePrintersChanged"}, {"printers", printers}});
+        write(out_, {{"signal", "accessiblePrintersChanged"}, {"devices", deviceList(devices)}});
         return;
     }
-    stream_ << "Accessible printers changed: " << printers.size() << " found\n";
-    deviceTable(printers, "  ");
-    stream_.flush();
+    out_ << "Accessible printers changed: " << devices.size() << " found\n";
+    if (!devices.empty())
+        deviceTable(devices, "  ");
+    out_.flush();
 }
 
-void Output::write(const nlohmann::json& document)
+void Output::note(const std::string& text)
+{
+    if (!json_)
+        err_ << text << std::endl;
+}
+
+void Output::progress(const std::string& text)
+{
+    if (!terminal_)
+        return;
+    // Carriage return and erase-line: the next progress overwrites this one.
+    err_ << "\r" << text << "\33[K" << std::flush;
+    progressShown_ = true;
+}
+
+void Output::endProgress()
+{
+    if (progressShown_)
+        err_ << "\r\33[K" << std::flush;
+    progressShown_ = false;
+}
+
+void Output::failure(const Failure& failure)
+{
+    endProgress();
+    if (json_) {
+        write(err_,
+            {{"error",
+                {{"kind", failure.kind()}, {"message", failure.what()}, {"service_message", failure.serviceMessage()},
+                    {"bus_error", failure.busError()}, {"exit_status", static_cast<int>(failure.status())}}}});
+        return;
+    }
+    err_ << "kestrel-print: " << failure.what();
+    if (!failure.serviceMessage().empty()) {
+        const bool fromService = failure.busError().rfind("ru.zorv.", 0) == 0;
+        err_ << " (" << (fromService ? "service" : "bus") << ": " << oneLine(failure.serviceMessage()) << ")";
+    }
+    err_ << std::endl;
+}
+
+void Output::usageError(const std::string& message, const std::string& command)
+{
+    if (json_) {
+        failure(Failure("usage", message, ExitStatus::Usage));
+        return;
+    }
+    err_ << "kestrel-print: " << message << "\nRun 'kestrel-print " << (command.empty() ? "" : command + " ")
+         << "--help' for more information." << std::endl;
+}
+
+void Output::write(std::ostream& stream, const nlohmann::json& document)
 {
     // Replacing bad UTF-8 keeps the document valid whatever a caller typed.
-    stream_ << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+    stream << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
-void Output::deviceTable(const std::map<std::string, std::string>& printers, const std::string& indent)
+void Output::deviceTable(const std::map<std::string, std::string>& devices, const std::string& indent)
 {
     const std::string uriHeading = "URI";
     std::size_t width = uriHeading.size();
-    for (const auto& entry : printers)
+    for (const auto& entry : devices)
         width = std::max(width, entry.first.size());
-    stream_ << indent << uriHeading << std::string(width - uriHeading.size() + 2, ' ') << "MAKE AND MODEL\n";
-    for (const auto& [uri, makeAndModel] : printers)
-        stream_ << indent << uri << std::string(width - uri.size() + 2, ' ') << makeAndModel << '\n';
+    out_ << indent << uriHeading << std::string(width - uriHeading.size() + 2, ' ') << "MAKE AND MODEL\n";
+    for (const auto& [uri, makeAndModel] : devices)
+        out_ << indent << uri << std::string(width - uri.size() + 2, ' ') << makeAndModel << '\n';
 }
 
 } // namespace Kestrel::Client

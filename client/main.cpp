@@ -1,20 +1,21 @@
 #include "ClientCommands.h"
 #include "CommandLine.h"
+#include "Output.h"
 
 #include <iostream>
+#include <unistd.h>
 
 int main(int argc, char* argv[])
 {
-    using Kestrel::Client::CommandLine;
+    using namespace Kestrel::Client;
+    const bool terminal = isatty(STDERR_FILENO) == 1;
+    CommandLine commandLine;
     CommandLine::Invocation invocation;
     try {
-        invocation = CommandLine::parse({argv + 1, argv + argc});
+        invocation = commandLine.parse(argc, argv);
     } catch (const CommandLine::UsageError& error) {
-        std::cerr << "kestrel-print: " << error.what() << '\n'
-                  << CommandLine::usage(error.command())
-                  << "Try 'kestrel-print " << (error.command().empty() ? "" : error.command() + " ")
-                  << "--help' for more information.\n";
+        Output(std::cout, std::cerr, error.json(), terminal).usageError(error.what(), error.command());
         return 2;
     }
-    return Kestrel::Client::ClientCommands(std::cout, std::cerr).run(invocation);
+    return ClientCommands(std::cout, std::cerr, terminal).run(invocation);
 }

@@ -66,6 +66,18 @@ show() {
     [ "$status" -eq 0 ] || fail "'$*' exited with status $status"
 }
 
+# Shows a command that must be refused with STATUS, and its message.
+show_refusal() {
+    local expected=$1 status=0
+    shift
+    echo
+    typed "$@"
+    "$@" >"$output" 2>&1 || status=$?
+    cat "$output"
+    echo "(exit status $status)"
+    [ "$status" -eq "$expected" ] || fail "'$*' exited with status $status instead of $expected"
+}
+
 note() {
     echo
     echo "# $*"
@@ -122,8 +134,12 @@ has_printed() {
 }
 
 echo "=== services"
-"$build/tests/world/kestrel-test-syslog" "$events" >"$KESTREL_WORLD_DIR/system-log.log" 2>&1 &
+# python-dbusmock plays the platform's system-log service and logs each call.
+/usr/bin/python3 -m dbusmock --system -l "$events" ru.quentis.SystemLogs /ru/quentis/SystemLogs ru.quentis.SystemLogs \
+    >"$KESTREL_WORLD_DIR/system-log.log" 2>&1 &
 wait_for "the system-log stand-in did not take ru.quentis.SystemLogs" 10 name_owned ru.quentis.SystemLogs
+busctl --system call ru.quentis.SystemLogs /ru/quentis/SystemLogs org.freedesktop.DBus.Mock AddMethod \
+    sssss ru.quentis.SystemLogs sendEventStringAlt sss "" "" >/dev/null
 echo "system-log stand-in owns ru.quentis.SystemLogs (events go to $events)"
 
 "$build/kestrel-printd" >"$daemon_log" 2>&1 &
@@ -157,7 +173,7 @@ echo "=== a session with kestrel-print"
 note "Which printers can be added?"
 show kestrel-print scan
 show kestrel-print --json scan
-uri=$(grep -o '"ipp://[^"]*":"Kestrel Test Printer"' "$output" | head -n 1 | cut -d '"' -f 2)
+uri=$(grep -o '"make_and_model":"Kestrel Test Printer","uri":"ipp://[^"]*"' "$output" | head -n 1 | cut -d '"' -f 8)
 [ -n "$uri" ] || fail "the scan did not find the Kestrel Test Printer under an ipp:// URI"
 note "The Kestrel Test Printer is a driverless IPP printer at $uri; save it as Office."
 show kestrel-print add "$uri" Office
@@ -178,6 +194,10 @@ cd "$documents"
 write_pdf report.pdf 2
 qpdf --check report.pdf >/dev/null || fail "the demo's own PDF is not valid"
 show qpdf --show-npages report.pdf
+note "Office prints on one side only, so the client refuses a two-sided job before sending it:"
+show_refusal 1 kestrel-print print report.pdf --printer Office -o sides=two-sided-long-edge
+grep -q 'it supports one-sided' "$output" || fail "the refusal does not name the supported sides"
+[ -e report.pdf ] || fail "a refused job cost the document"
 show kestrel-print print report.pdf --printer Office -o media=iso_a4_210x297mm
 [ ! -e report.pdf ] || fail "the service kept report.pdf after printing it"
 note "The service deleted report.pdf once the job was handed over. At the printer:"
@@ -188,13 +208,17 @@ pages=$(qpdf --show-npages "$received")
 echo "received: $(basename "$received"), $pages pages"
 [ "$pages" -eq 2 ] || fail "the printer received $pages pages instead of 2"
 
+note "Mistakes are explained, with the service's own words after them:"
+show_refusal 1 kestrel-print remove Nope
+show_refusal 1 kestrel-print --json attributes Nope
+
 note "Rename and remove:"
 show kestrel-print rename Office "Front Desk"
 show kestrel-print list
 grep -qx "Front Desk" "$output" || fail "Front Desk is not in the list"
 show kestrel-print remove "Front Desk"
 show kestrel-print list
-[ "$(kestrel-print --json list)" = "[]" ] || fail "the list is not empty after the removal"
+[ "$(kestrel-print --json list)" = '{"printers":[]}' ] || fail "the list is not empty after the removal"
 echo
 typed lpstat -v
 lpstat -v 2>&1 | tee "$output" || true

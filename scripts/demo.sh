@@ -21,7 +21,7 @@ bash scripts/install-deps.sh || fail "could not install the packages"
 
 echo "=== building into $build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || fail "cmake configure failed"
-cmake --build "$build" -j"${KESTREL_JOBS:-2}" --target kestrel-printd kestrel-print kestrel-test-syslog \
+cmake --build "$build" -j"${KESTREL_JOBS:-2}" --target kestrel-printd kestrel-print \
     || fail "build failed"
 
 # Marks every process of the world (they inherit the environment), so the
@@ -52,7 +52,6 @@ leftovers() {
     done
     # The daemon and the log stand-in of this build, by their paths.
     pgrep -f "^$build/kestrel-printd" || true
-    pgrep -f "^$build/tests/world/kestrel-test-syslog" || true
 }
 
 echo
@@ -72,7 +71,7 @@ if [ -n "${left// /}" ]; then
     done
     fail "processes of the demo are still running"
 fi
-echo "no kestrel-printd, kestrel-test-syslog, cupsd or ippeveprinter of the demo is left"
+echo "no kestrel-printd, system-log stand-in, cupsd or ippeveprinter of the demo is left"
 
 [ "$status" -eq 0 ] || fail "the session in the test world failed (exit status $status)"
 echo

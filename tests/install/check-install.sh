@@ -43,6 +43,21 @@ for iface in PrinterManager PrintingService; do
 done
 "$stage$bindir/kestrel-print" --help >/dev/null || fail "the installed client does not run"
 
+# The client's manual page and its bash completion.
+manual=$datadir/man/man1/kestrel-print.1
+completion=$datadir/bash-completion/completions/kestrel-print
+grep -q '^\.TH KESTREL-PRINT "1"' "$stage$manual" 2>/dev/null && grep -q 'orientation\\-requested' "$stage$manual" \
+    || fail "$manual is missing or does not describe every command"
+# What bash offers for the last word of a command line, through the staged
+# script (compopt works only inside a real completion).
+completions() {
+    bash -c 'source /usr/share/bash-completion/bash_completion && source "$1" && compopt() { :; } &&
+        COMP_LINE=$2 COMP_POINT=${#2} && read -ra COMP_WORDS <<<"$2" && COMP_CWORD=$((${#COMP_WORDS[@]} - 1)) &&
+        _kestrel_print && echo "${COMPREPLY[*]}"' - "$stage$completion" "$1"
+}
+[ "$(completions "kestrel-print pr")" = print ] || fail "$completion does not complete the commands"
+[ "$(completions "kestrel-print print a.pdf -o si")" = sides= ] || fail "$completion does not complete print options"
+
 # Both service files name the installed daemon, with nothing left unconfigured.
 expect_line() {
     grep -qxF "$2" "$stage$1" || fail "$1 lacks the line '$2'"
