@@ -11,7 +11,7 @@ export KESTREL_BUILD_DIR=$build
 
 # Inside the world: the system-log stand-in, then one set of benchmarks.
 if [ "${1:-}" = --in-world ]; then
-    "$build/tests/world/kestrel-test-syslog" "$KESTREL_WORLD_DIR/events" >/dev/null 2>&1 &
+    "$build/bench/system-log-stand-in" &
     for attempt in $(seq 500); do
         busctl --system status ru.quentis.SystemLogs >/dev/null 2>&1 && break
         sleep 0.01
@@ -38,7 +38,7 @@ if [ "$(id -u)" -ne 0 ]; then
     echo "bench.sh: the test world needs root" >&2
     exit 1
 fi
-cmake --build "$build" -j2 --target kestrel-printd kestrel-test-syslog bus-latency-benchmark cups-call-benchmark \
+cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
     scan-benchmark memory-benchmark >/dev/null
 export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
 output=$(mktemp)
