@@ -8,39 +8,38 @@
 #include <cups/adminutil.h>
 #include <cups/cups.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 namespace Kestrel::Private {
 
 namespace {
 
-struct DestinationSearch {
-    std::string_view wanted;
-    bool found = false;
+// Silent devices hold a probe for its whole time-outs, so they are waited
+// out side by side rather than one after another.
+constexpr size_t ProbeThreads = 8;
+
+// One device as discovery reported it; network devices are listed under the
+// IPP URI their probe finds, the others under their own.
+struct ReportedDevice {
+    std::string uri;
+    std::string makeAndModel;
+    bool needsProbe;
 };
 
-int visitDestination(void* context, unsigned /*flags*/, cups_dest_t* destination)
-{
-    auto* search = static_cast<DestinationSearch*>(context);
-    if (destination->name && search->wanted == destination->name)
-        search->found = true;
-    return 1;
-}
-
-void addDevice(DeviceMap& devices, const std::string& uri, const std::string& makeAndModel)
+void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, const std::string& makeAndModel)
 {
     if (makeAndModel == "Unknown" || !Uri::hasSupportedPrefix(uri))
         return;
     Uri parsed(uri, std::make_shared<CurlInterface>());
     const int32_t protocol = parsed.protocol();
-    if (protocol == ProtocolUsb || protocol == ProtocolIpp || protocol == ProtocolIpps) {
-        devices.emplace(uri, makeAndModel);
-        return;
-    }
-    IppChecker checker(uri, std::make_shared<CupsRequestHandler>());
-    if (checker.isIppSupported() || checker.isIppsSupported())
-        devices.emplace(checker.getIppUri(), makeAndModel);
+    const bool direct = protocol == ProtocolUsb || protocol == ProtocolIpp || protocol == ProtocolIpps;
+    reports.push_back({uri, makeAndModel, !direct});
 }
 
 void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const char* /*deviceInfo*/,
@@ -51,9 +50,33 @@ void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const ch
     // Nothing may unwind through the library's frames: a device that fails
     // to parse is simply left out.
     try {
-        addDevice(*static_cast<DeviceMap*>(context), uri, makeAndModel);
+        addReport(*static_cast<std::vector<ReportedDevice>*>(context), uri, makeAndModel);
     } catch (...) {
     }
+}
+
+// The IPP URI under which a network device answers; empty when it does not.
+std::string probe(const std::string& uri)
+{
+    IppChecker checker(uri, std::make_shared<CupsRequestHandler>());
+    if (checker.isIppSupported() || checker.isIppsSupported())
+        return checker.getIppUri();
+    return {};
+}
+
+// Runs work(0) .. work(count - 1) on at most `threads` threads at a time.
+void runConcurrently(size_t count, size_t threads, const std::function<void(size_t)>& work)
+{
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> workers;
+    for (size_t i = 0; i < std::min(count, threads); ++i) {
+        workers.emplace_back([&] {
+            for (size_t item = next++; item < count; item = next++)
+                work(item);
+        });
+    }
+    for (auto& worker : workers)
+        worker.join();
 }
 
 } // namespace
@@ -62,21 +85,55 @@ bool CupsInterface::destinationExists(std::string_view cupsName)
 {
     if (cupsName.empty())
         throw std::runtime_error("cups_name is empty");
-    DestinationSearch search{cupsName};
-    cupsEnumDests(CUPS_DEST_FLAGS_NONE, -1, nullptr, 0, 0, visitDestination, &search);
-    return search.found;
+    // One question to the scheduler about its own queue: enumerating
+    // destinations would also browse the network for printers.
+    const std::string wanted(cupsName);
+    try {
+        HttpPtr http = connectToScheduler();
+        if (!http)
+            return false;
+        ipp_t* request = ippNewRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
+        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, queueUri(wanted).c_str());
+        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", nullptr, "defaultuser");
+        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", nullptr, "printer-name");
+        IppPtr response(cupsDoRequest(http.get(), request, "/"));
+        if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
+            return false;
+        const char* name = ippGetString(ippFindAttribute(response.get(), "printer-name", IPP_TAG_NAME), 0, nullptr);
+        // The scheduler's own lookup ignores letter case.
+        return name && wanted == name;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 DeviceMap CupsInterface::getDevices()
 {
-    DeviceMap devices;
+    std::vector<ReportedDevice> reports;
     // Deprecated in libcups but still the scheduler's device listing.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    ipp_status_t status = cupsGetDevices(CUPS_HTTP_DEFAULT, 10000, nullptr, nullptr, visitDevice, &devices);
+    ipp_status_t status = cupsGetDevices(CUPS_HTTP_DEFAULT, 10000, nullptr, nullptr, visitDevice, &reports);
 #pragma GCC diagnostic pop
     if (status != IPP_STATUS_OK)
         throw std::runtime_error(cupsErrorText());
+
+    std::vector<std::string> keys(reports.size());
+    runConcurrently(reports.size(), ProbeThreads, [&](size_t i) {
+        // An exception must not end the process from a worker thread; the
+        // device is then left out.
+        try {
+            keys[i] = reports[i].needsProbe ? probe(reports[i].uri) : reports[i].uri;
+        } catch (...) {
+        }
+    });
+    // Filled in report order, so the first report of a URI wins whatever
+    // order the probes ended in.
+    DeviceMap devices;
+    for (size_t i = 0; i < reports.size(); ++i) {
+        if (!keys[i].empty())
+            devices.emplace(keys[i], reports[i].makeAndModel);
+    }
     return devices;
 }
 

@@ -12,7 +12,26 @@ namespace Kestrel::Private {
 namespace {
 
 constexpr int RemoteTimeoutMs = 30000;
+// Bounds on each wait for the peer to take or send data: a scheduler or a
+// printer that accepts a connection and never answers would otherwise hold
+// the caller for about a minute per request, the bus thread included.
+constexpr double SchedulerWaitSeconds = 10;
+constexpr double PrinterWaitSeconds = 10;
+constexpr int SchedulerConnectTimeoutMs = 10000;
 constexpr size_t UriBufferSize = 1024;
+
+// Without this callback the library would keep waiting on writes.
+int giveUp(http_t*, void*)
+{
+    return 0;
+}
+
+http_t* bounded(http_t* http, double seconds)
+{
+    if (http)
+        httpSetTimeout(http, seconds, giveUp, nullptr);
+    return http;
+}
 
 // Between requests nothing may arrive on the socket, so readable means the
 // peer has hung up.
@@ -75,6 +94,24 @@ std::string cupsErrorText()
     return text ? text : "";
 }
 
+HttpPtr connectToScheduler()
+{
+    return HttpPtr(bounded(httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1,
+                                        SchedulerConnectTimeoutMs, nullptr),
+                           SchedulerWaitSeconds));
+}
+
+std::string queueUri(const std::string& name)
+{
+    char uri[UriBufferSize];
+    http_uri_status_t status =
+        httpAssembleURIf(HTTP_URI_CODING_ALL, uri, sizeof(uri), "ipp", nullptr, "localhost", 0, "/printers/%s",
+                         name.c_str());
+    if (status != HTTP_URI_STATUS_OK)
+        throw std::runtime_error(std::string("error assembling printer uri: ") + httpURIStatusString(status));
+    return uri;
+}
+
 CupsRequestHandler::~CupsRequestHandler()
 {
     remoteHost.clear();
@@ -89,14 +126,10 @@ void CupsRequestHandler::connect()
         warnAlreadyConnected();
         return;
     }
-    // The process-wide client settings are exactly what this call takes.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    http_t* http = httpConnectEncrypt(cupsServer(), ippPort(), cupsEncryption());
-#pragma GCC diagnostic pop
+    HttpPtr http = connectToScheduler();
     if (!http)
         throw std::runtime_error("failed to establish connection with CUPS server.");
-    connection.reset(http);
+    connection = std::move(http);
 }
 
 void CupsRequestHandler::connectRemote(std::string_view host, int port)
@@ -106,8 +139,9 @@ void CupsRequestHandler::connectRemote(std::string_view host, int port)
         return;
     }
     std::string hostText(host);
-    http_t* http = httpConnect2(hostText.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_IF_REQUESTED, 1,
-                                RemoteTimeoutMs, nullptr);
+    http_t* http = bounded(httpConnect2(hostText.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_IF_REQUESTED,
+                                        1, RemoteTimeoutMs, nullptr),
+                           PrinterWaitSeconds);
     if (!http)
         throw std::runtime_error("failed to establish connection with remote server.");
     remoteHost = std::move(hostText);
@@ -119,12 +153,7 @@ void CupsRequestHandler::prepareRequest(std::string printerName, ipp_op_t operat
 {
     request.reset(ippNewRequest(operation));
     printerName = removeWhitespace(printerName);
-
-    char uri[UriBufferSize];
-    http_uri_status_t status = httpAssembleURIf(HTTP_URI_CODING_ALL, uri, sizeof(uri), "ipp", nullptr, "localhost",
-                                                0, "/printers/%s", printerName.c_str());
-    if (status != HTTP_URI_STATUS_OK)
-        throw std::runtime_error(std::string("error assembling printer uri: ") + httpURIStatusString(status));
+    const std::string uri = queueUri(printerName);
 
     // Through the virtual slot, so that a replaced addString sees these too.
     addString(IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", uri);
@@ -187,6 +216,11 @@ void CupsRequestHandler::executePrintFileRequest(int document)
 void CupsRequestHandler::execute(const char* resource, int document)
 {
     pendingRequest(request);
+    // The library's own default connection would wait on a silent scheduler
+    // without our bound; when this one cannot be opened, the library's
+    // attempt reports why.
+    if (!connection)
+        connection = connectToScheduler();
     // The scheduler drops kept-alive connections it considers idle, and
     // libcups only notices once the request has been lost on the dead socket.
     if (connection && closedByPeer(connection.get()))

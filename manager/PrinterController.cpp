@@ -9,8 +9,10 @@
 #include "support/UuidGenerator.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cctype>
 #include <stdexcept>
+#include <thread>
 #include <unordered_set>
 
 namespace Kestrel::Private {
@@ -25,6 +27,11 @@ const std::unordered_set<std::string> capabilityAttributes = {
     "print-color-mode-supported",
     "sides-supported",
 };
+
+const std::string makeAndModel = "printer-make-and-model";
+const std::vector<std::string> rawPlaceholder = {"Local Raw Printer"};
+constexpr auto setUpTimeout = std::chrono::seconds(30);
+constexpr auto maxPause = std::chrono::milliseconds(200);
 
 std::string notFoundMessage(const std::string& name, const std::string& cupsName)
 {
@@ -84,6 +91,8 @@ void PrinterController::addPrinter(const std::string& uri, const std::string& na
         requestHandler->addBoolean(IPP_TAG_PRINTER, "printer-is-accepting-jobs", true);
         requestHandler->addInteger(IPP_TAG_PRINTER, IPP_TAG_ENUM, "printer-state", IPP_PSTATE_IDLE);
         requestHandler->executeAdminRequest();
+        if (parsed.protocol() == ProtocolIpp)
+            waitUntilSetUp(cupsName);
 
         database->insert(cupsName, name);
         logger->sendEvent("INFO_LEVEL", "printer-added", name);
@@ -103,6 +112,30 @@ std::string PrinterController::ppdPath(const std::string& model)
     // The lookup reports its own failure; the add then reports it again.
     logError("no PPD file for printer " + model);
     throw std::runtime_error("no PPD file for printer " + model);
+}
+
+// The scheduler sets a driverless queue up in the background: until then it
+// is a raw placeholder without the printer's capabilities, and deleting it
+// meanwhile can crash the scheduler. A printer that never answers keeps it
+// raw for good, so the wait is bounded; a failed look also ends it.
+void PrinterController::waitUntilSetUp(const std::string& cupsName)
+{
+    const auto deadline = std::chrono::steady_clock::now() + setUpTimeout;
+    auto pause = std::chrono::milliseconds(5);
+    try {
+        for (;;) {
+            requestHandler->prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
+            requestHandler->addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {makeAndModel});
+            requestHandler->executeAdminRequest();
+            if (requestHandler->getAttributes({makeAndModel})[makeAndModel] != rawPlaceholder)
+                return;
+            if (std::chrono::steady_clock::now() + pause > deadline)
+                return;
+            std::this_thread::sleep_for(pause);
+            pause = std::min(pause * 2, maxPause);
+        }
+    } catch (const std::exception&) {
+    }
 }
 
 void PrinterController::removePrinter(const std::string& name)

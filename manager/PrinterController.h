@@ -35,6 +35,7 @@ public:
 
 private:
     std::string ppdPath(const std::string& model);
+    void waitUntilSetUp(const std::string& cupsName);
 
     std::shared_ptr<CupsRequestHandler> requestHandler;
     std::shared_ptr<CupsInterface> cups;

@@ -5,14 +5,15 @@
 
 namespace Kestrel::Private {
 
+// One write per line: probes on several threads warn at the same time.
 void logError(std::string_view message)
 {
-    std::cerr << "ERROR: " << ": " << message << std::endl;
+    std::cerr << "ERROR: " + std::string(": ") + std::string(message) + "\n" << std::flush;
 }
 
 void logWarning(std::string_view message)
 {
-    std::cout << "WARNING: " << ": " << message << std::endl;
+    std::cout << "WARNING: " + std::string(": ") + std::string(message) + "\n" << std::flush;
 }
 
 std::string removeWhitespace(std::string_view text)

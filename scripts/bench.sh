@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Runs every benchmark in the test world and prints one table: each figure
+# beside its anchor and their ratio. Needs root (the world's namespaces).
+#   KESTREL_BUILD_DIR     build directory with the benchmarks (default build)
+#   KESTREL_BENCH_DAEMON  daemon to measure (default: the one in that build)
+#   KESTREL_BENCH_SCAN    silent-device counts for the scan (default "0 1 4 16")
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+build=$(cd "${KESTREL_BUILD_DIR:-build}" && pwd)
+export KESTREL_BUILD_DIR=$build
+
+# Inside the world: the system-log stand-in, then every benchmark.
+if [ "${1:-}" = --in-world ]; then
+    "$build/bench/system-log-stand-in" &
+    for attempt in $(seq 500); do
+        busctl --system status ru.quentis.SystemLogs >/dev/null 2>&1 && break
+        sleep 0.01
+    done
+    "$build/bench/memory-benchmark" fresh
+    "$build/bench/bus-latency-benchmark"
+    bash tests/world/silent-devices.sh 16
+    # Word splitting of the count list is wanted.
+    # shellcheck disable=SC2086
+    "$build/bench/scan-benchmark" ${KESTREL_BENCH_SCAN:-0 1 4 16}
+    "$build/bench/cups-call-benchmark" "without avahi-daemon"
+    # Started here rather than in a second world, so both runs share the
+    # same moment's machine load.
+    mkdir -p /run/avahi-daemon
+    avahi-daemon --no-drop-root --no-chroot -D >/dev/null 2>&1
+    for attempt in $(seq 500); do
+        busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 && break
+        sleep 0.01
+    done
+    "$build/bench/cups-call-benchmark" "with avahi-daemon"
+    "$build/bench/memory-benchmark" "after the benchmarks"
+    exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "bench.sh: the test world needs root" >&2
+    exit 1
+fi
+cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
+    scan-benchmark memory-benchmark >/dev/null
+export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
+output=$(mktemp)
+trap 'rm -f "$output"' EXIT
+bash tests/world/run-in-world.sh bash scripts/bench.sh --in-world | tee "$output"
+
+echo
+{
+    printf 'Figure\tValue\tAnchor\tAnchor value\tRatio\n'
+    grep '^ROW' "$output" | cut -f2-
+} | column -t -s $'\t'
