@@ -38,6 +38,7 @@ def test_adding_makes_an_enabled_driverless_queue_under_a_fresh_uuid(signals, sy
     assert device_uri(queue) == PRINTER_URI
     assert (options["printer-state"], options["printer-is-accepting-jobs"]) == ("3", "true")
     assert "IPP Everywhere" in options["printer-make-and-model"]
+    assert "WARNING: : connection with CUPS server already established.\n" in daemon_log()
     assert signals.wait("savedPrintersChanged") == ["Office"]
     assert sorted(signals.wait("savedPrintersChanged")) == ["Office", "Office copy"]
     assert wait_for(lambda: len(system_log.events()) == 2)
