@@ -6,40 +6,28 @@
 #include <map>
 #include <random>
 #include <regex>
+#include <tuple>
 
 using Kestrel::Private::CurlInterface;
 using Kestrel::Private::Uri;
 
 namespace {
 
-// What a parse gives, comparable across implementations: the failure text,
-// or the three fields.
-struct Outcome {
-    std::string error;
-    std::string text;
-    std::string modelOrAddress;
-    int32_t protocol = -1;
+// The failure text, or the text, the model or address and the protocol.
+using Outcome = std::tuple<std::string, std::string, std::string, int32_t>;
 
-    bool operator==(const Outcome& other) const
-    {
-        return error == other.error && text == other.text && modelOrAddress == other.modelOrAddress &&
-               protocol == other.protocol;
-    }
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
+Outcome failure(const std::string& message)
 {
-    return out << "{error=\"" << outcome.error << "\" text=\"" << outcome.text << "\" value=\""
-               << outcome.modelOrAddress << "\" protocol=" << outcome.protocol << "}";
+    return {message, "", "", -1};
 }
 
-Outcome parse(const std::string& uri)
+Outcome parse(const std::string& uri, std::shared_ptr<CurlInterface> curl = std::make_shared<CurlInterface>())
 {
     try {
-        Uri parsed(uri, std::make_shared<CurlInterface>());
+        Uri parsed(uri, curl);
         return {"", parsed.text(), parsed.modelOrAddress(), parsed.protocol()};
     } catch (const std::exception& error) {
-        return {error.what(), "", "", -1};
+        return failure(error.what());
     }
 }
 
@@ -48,84 +36,55 @@ Outcome parseWithStdRegex(const std::string& uri)
 {
     CurlInterface curl;
     curl.init();
-    std::string unescaped = curl.unescape(uri.c_str(), uri.size());
+    const std::string unescaped = curl.unescape(uri.c_str(), uri.size());
     if (unescaped.empty())
-        return {"failed to extract uri.", "", "", -1};
+        return failure("failed to extract uri.");
     const std::string text = std::regex_replace(unescaped, std::regex("\\s+"), "");
     std::smatch match;
     if (!std::regex_search(text, match, std::regex("([a-z]+)://(?:(.*)/(.*)\\?serial=[0-9]*|((?:[0-9]+.){4}))")))
-        return {"invalid uri scheme", "", "", -1};
-    auto protocol = Uri::protocols().find(match[1].str());
+        return failure("invalid uri scheme");
+    const auto protocol = Uri::protocols().find(match[1].str());
     if (protocol == Uri::protocols().end())
-        return {"protocol is not supported", "", "", -1};
-    if (match[3].matched)
-        return {"", text, match[3].str(), protocol->second};
-    if (match[4].matched)
-        return {"", text, match[4].str(), protocol->second};
-    return {"failed to extract model or ip", "", "", -1};
+        return failure("protocol is not supported");
+    return {"", text, match[3].matched ? match[3].str() : match[4].str(), protocol->second};
 }
 
-Outcome failure(const std::string& message)
+TEST(UriTest, DeviceUrisGiveProtocolAndModelOrAddressOrTheirFailure)
 {
-    return {message, "", "", -1};
+    const std::vector<std::pair<std::string, Outcome>> cases{
+        {"usb://HP/LaserJet%20Pro%20400?serial=A1", {"", "usb://HP/LaserJetPro400?serial=A1", "LaserJetPro400", 3}},
+        {"socket://192.168.0.10:9100", {"", "socket://192.168.0.10:9100", "192.168.0.10:", 4}},
+        {"ipp://10.0.0.55", {"", "ipp://10.0.0.55", "10.0.0.55", 1}},
+        {"ipps://10.0.0.5/ipp/print", {"", "ipps://10.0.0.5/ipp/print", "10.0.0.5/", 2}},
+        {"dnssd://1.2.3.4.5", {"", "dnssd://1.2.3.4.5", "1.2.3.4.", 0}},
+        {"", failure("failed to extract uri.")},
+        // A single-digit last run leaves the wildcard nothing to take.
+        {"socket://1.2.3.4", failure("invalid uri scheme")},
+        {"lpd://host/queue?serial=7", failure("protocol is not supported")},
+    };
+    for (const auto& [uri, expected] : cases)
+        EXPECT_EQ(parse(uri), expected) << uri;
+    struct FailingCurl : CurlInterface {
+        bool init() override { return false; }
+    };
+    EXPECT_EQ(parse("usb://Maker/Model?serial=1", std::make_shared<FailingCurl>()),
+              failure("failed to init curl for uri parsing"));
 }
 
-TEST(UriTest, DeviceUrisSplitIntoProtocolAndModelOrAddress)
+TEST(UriTest, SupportedPrefixIsAnyOfTheFiveSchemeNames)
 {
-    EXPECT_EQ(parse("usb://HP/LaserJet%20Pro%20400?serial=A1"),
-              (Outcome{"", "usb://HP/LaserJetPro400?serial=A1", "LaserJetPro400", 3}));
-    EXPECT_EQ(parse("usb://Maker/Model?serial=1"), (Outcome{"", "usb://Maker/Model?serial=1", "Model", 3}));
-    EXPECT_EQ(parse("socket://192.168.0.10:9100"), (Outcome{"", "socket://192.168.0.10:9100", "192.168.0.10:", 4}));
-    EXPECT_EQ(parse("ipp://10.0.0.55"), (Outcome{"", "ipp://10.0.0.55", "10.0.0.55", 1}));
-    EXPECT_EQ(parse("ipps://10.0.0.5/ipp/print").modelOrAddress, "10.0.0.5/");
-    EXPECT_EQ(parse("dnssd://1.2.3.4.5").protocol, 0);
-}
-
-TEST(UriTest, MalformedOrForeignUrisFailWithTheirMessages)
-{
-    EXPECT_EQ(parse(""), failure("failed to extract uri."));
-    EXPECT_EQ(parse("USB://HP/Model?serial=1"), failure("invalid uri scheme"));
-    EXPECT_EQ(parse("lpd://host/queue?serial=7"), failure("protocol is not supported"));
-    EXPECT_EQ(parse("lpd://10.0.0.1/queue"), failure("protocol is not supported"));
-    EXPECT_EQ(parse("socket://printer.local"), failure("invalid uri scheme"));
-    // A single-digit last run leaves the wildcard nothing to take.
-    EXPECT_EQ(parse("socket://1.2.3.4"), failure("invalid uri scheme"));
-    EXPECT_EQ(parse("%20%09"), failure("invalid uri scheme"));
-}
-
-TEST(UriTest, SupportedPrefixesAreTheFiveSchemeNames)
-{
-    EXPECT_EQ(Uri::protocols().size(), 5u);
-    EXPECT_TRUE(Uri::hasSupportedPrefix("ipps://host"));
-    EXPECT_TRUE(Uri::hasSupportedPrefix("usbfoo"));
-    EXPECT_TRUE(Uri::hasSupportedPrefix("dnssd://x"));
-    EXPECT_FALSE(Uri::hasSupportedPrefix("lpd://host/queue"));
-    EXPECT_FALSE(Uri::hasSupportedPrefix("IPP://host"));
-    EXPECT_FALSE(Uri::hasSupportedPrefix("soc"));
-}
-
-class FailingCurl : public CurlInterface {
-public:
-    bool init() override { return false; }
-};
-
-TEST(UriTest, CurlThatCannotStartStopsTheParse)
-{
-    try {
-        Uri("usb://Maker/Model?serial=1", std::make_shared<FailingCurl>());
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "failed to init curl for uri parsing");
-    }
+    for (const auto& [text, supported] : std::vector<std::pair<std::string, bool>>{
+             {"ipps://host", true}, {"usbfoo", true}, {"dnssd://x", true}, {"socket", true},
+             {"lpd://ipp.local/queue", false}, {"IPP://host", false}, {"soc", false}})
+        EXPECT_EQ(Uri::hasSupportedPrefix(text), supported) << text;
 }
 
 TEST(UriTest, AgreesWithTheEcmaScriptEngineOnGeneratedUris)
 {
-    const std::vector<std::string> tokens{"usb", "socket", "ipp", "ipps", "dnssd", "lpd", "a", "z", "USB", "://",
-                                          "://", ":", "/", "/", "?serial=", "?serial=", "?serial", "serial=", "0",
-                                          "1", "12", "255", "7", ".", ".", ":9100", "%20", "%2F", "%0A", "%0d",
-                                          "%0B", " ", "\t", "\v", "\f", "\r\n", "x-", "?", "%3A%2F%2F", "%",
-                                          "3", "45", ".", "/"};
+    const std::vector<std::string> tokens{"usb", "socket", "ipp", "ipps", "dnssd", "lpd", "a", "z", "USB", "://", "://",
+                                          ":", "/", "/", "?serial=", "?serial=", "?serial", "serial=", "0", "1", "12",
+                                          "255", "7", ".", ".", ":9100", "%20", "%2F", "%0A", "%0d", "%0B", " ", "\t",
+                                          "\v", "\f", "\r\n", "x-", "?", "%3A%2F%2F", "%", "3", "45", ".", "/"};
     std::mt19937 random(20240611);
     std::uniform_int_distribution<size_t> pick(0, tokens.size() - 1);
     std::uniform_int_distribution<int> length(0, 14);
@@ -137,7 +96,7 @@ TEST(UriTest, AgreesWithTheEcmaScriptEngineOnGeneratedUris)
             uri += tokens[pick(random)];
         const Outcome expected = parseWithStdRegex(uri);
         ASSERT_EQ(parse(uri), expected) << "uri: \"" << uri << "\"";
-        ++outcomes[expected.error.empty() ? std::to_string(expected.protocol) : expected.error];
+        ++outcomes[std::get<0>(expected).empty() ? std::to_string(std::get<3>(expected)) : std::get<0>(expected)];
     }
     // The generator must reach every branch, or agreement proves little.
     for (const char* outcome : {"0", "1", "2", "3", "4", "invalid uri scheme", "protocol is not supported",
@@ -148,17 +107,14 @@ TEST(UriTest, AgreesWithTheEcmaScriptEngineOnGeneratedUris)
 TEST(UriTest, SixteenMebibyteUrisParseOrFailWithoutCrashing)
 {
     const size_t size = 16u << 20;
-    std::string slashes = "usb://";
-    while (slashes.size() < size)
-        slashes += "a/";
-    EXPECT_EQ(parse(slashes + "?serial=1").protocol, 3);
-    EXPECT_EQ(parse("socket://" + std::string(size, '1')).modelOrAddress.size(), size);
-    EXPECT_EQ(parse("usb://" + std::string(size, 'a')).error, "invalid uri scheme");
-    std::string schemes;
-    while (schemes.size() < size)
-        schemes += "a://1.";
-    EXPECT_EQ(parse(schemes).error, "invalid uri scheme");
-    EXPECT_EQ(parse(std::string(size, '%')).error, "invalid uri scheme");
+    std::string slashes, schemes;
+    for (; schemes.size() < size; schemes += "a://1.")
+        slashes += "a/a/a/";
+    EXPECT_EQ(std::get<3>(parse("usb://" + slashes + "?serial=1")), 3);
+    EXPECT_EQ(std::get<2>(parse("socket://" + std::string(size, '1'))).size(), size);
+    EXPECT_EQ(std::get<0>(parse("usb://" + std::string(size, 'a'))), "invalid uri scheme");
+    EXPECT_EQ(std::get<0>(parse(schemes)), "invalid uri scheme");
+    EXPECT_EQ(std::get<0>(parse(std::string(size, '%'))), "invalid uri scheme");
 }
 
 } // namespace
