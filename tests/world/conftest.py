@@ -7,9 +7,9 @@ system-log service (python-dbusmock).
 """
 import os
 import pickle
-import re
 import signal
 import subprocess
+import threading
 import time
 from pathlib import Path
 
@@ -36,25 +36,19 @@ SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer")
 
 class BusError(Exception):
     def __init__(self, name, message):
-        super().__init__(f"{name}: {message}")
-        self.name = name
-        self.message = message
+        super().__init__(name, message)
+        self.name, self.message = name, message
 
 
 def plain(value):
     """dbus-python values as plain Python ones."""
-    if isinstance(value, (dbus.Array, list)):
-        return [plain(v) for v in value]
-    if isinstance(value, (dbus.Dictionary, dict)):
+    if isinstance(value, dict):
         return {plain(k): plain(v) for k, v in value.items()}
-    if isinstance(value, (dbus.Struct, tuple)):
-        return tuple(plain(v) for v in value)
-    if isinstance(value, dbus.Boolean):
-        return bool(value)
-    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
-        return str(value)
-    if isinstance(value, (int, dbus.Int32, dbus.UInt32, dbus.Int64, dbus.UInt64, dbus.Byte, dbus.Int16, dbus.UInt16)):
-        return int(value)
+    if isinstance(value, (list, tuple)):
+        return (tuple if isinstance(value, tuple) else list)(plain(v) for v in value)
+    for kind in (bool, str, int):
+        if isinstance(value, kind):
+            return (int if kind is int and not isinstance(value, dbus.Boolean) else kind)(value)
     return value
 
 
@@ -79,41 +73,36 @@ def call(interface, method, *args, user=None, groups=(), timeout=60, destination
          private=False):
     """A method call on the service (or another destination); as root, or in a
     child process as `user` (a uid) with the given supplementary groups.
-    `private` gives a root call a connection of its own (for threads).
     Raises BusError."""
     target = (destination, path, interface, method, args, timeout)
-    if user is None and private:
-        bus = private_bus()
+    if user is None:
+        # A connection of its own lets threads call side by side.
+        bus = private_bus() if private else dbus.SystemBus()
         try:
             return _call(bus, *target)
         finally:
-            bus.close()
-    if user is None:
-        return _call(dbus.SystemBus(), *target)
+            if private:
+                bus.close()
     read, write = os.pipe()
-    pid = os.fork()
-    if pid == 0:
+    if os.fork() == 0:
         try:
-            os.close(read)
             os.setgroups(list(groups))
             os.setgid(user)
             os.setuid(user)
             try:
-                outcome = ("ok", _call(dbus.bus.BusConnection(dbus.bus.BUS_SYSTEM), *target))
+                outcome = _call(private_bus(), *target)
             except BusError as error:
-                outcome = ("error", (error.name, error.message))
-            with os.fdopen(write, "wb") as out:
-                pickle.dump(outcome, out)
+                outcome = error
+            os.write(write, pickle.dumps(outcome))
         finally:
             os._exit(0)
     os.close(write)
     with os.fdopen(read, "rb") as result:
-        data = result.read()
-    os.waitpid(pid, 0)
-    kind, value = pickle.loads(data)
-    if kind == "error":
-        raise BusError(*value)
-    return value
+        outcome = pickle.loads(result.read())
+    os.wait()
+    if isinstance(outcome, BusError):
+        raise outcome
+    return outcome
 
 
 def manager(method, *args, **kwargs):
@@ -160,33 +149,14 @@ def pdf_pages(path):
 
 
 def write_pdf(path, pages=1):
-    path = Path(path)
-    path.parent.mkdir(parents=True, exist_ok=True)
-    objects = ["<< /Type /Catalog /Pages 2 0 R >>",
-               "<< /Type /Pages /Kids [%s] /Count %d >>" % (" ".join(f"{4 + 2 * i} 0 R" for i in range(pages)), pages),
-               "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"]
-    for i in range(pages):
-        text = f"BT /F1 24 Tf 72 720 Td (Kestrel page {i + 1}) Tj ET"
-        objects.append("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] "
-                       f"/Resources << /Font << /F1 3 0 R >> >> /Contents {5 + 2 * i} 0 R >>")
-        objects.append(f"<< /Length {len(text)} >>\nstream\n{text}\nendstream")
-    body, offsets = b"%PDF-1.4\n", []
-    for number, obj in enumerate(objects, 1):
-        offsets.append(len(body))
-        body += f"{number} 0 obj\n{obj}\nendobj\n".encode()
-    xref = len(body)
-    body += f"xref\n0 {len(objects) + 1}\n0000000000 65535 f \n".encode()
-    body += b"".join(b"%010d 00000 n \n" % offset for offset in offsets)
-    body += f"trailer\n<< /Size {len(objects) + 1} /Root 1 0 R >>\nstartxref\n{xref}\n%%EOF\n".encode()
-    path.write_bytes(body)
-    return path
-
-
-def _pid_in(path):
-    try:
-        return int(Path(path).read_text())
-    except (OSError, ValueError):
-        return 0
+    """A valid PDF of blank pages: qpdf rebuilds the page below into a whole file."""
+    Path(path).parent.mkdir(parents=True, exist_ok=True)
+    page = WORLD / f"page-{threading.get_ident()}.pdf"
+    page.write_bytes(b"%PDF-1.4\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>"
+                     b"endobj\n3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 612 792]>>endobj\ntrailer<</Root 1 0 R>>\n")
+    subprocess.run(["qpdf", "--no-warn", "--warning-exit-0", "--empty", "--pages", *[str(page)] * pages, "--",
+                    str(path)], check=True)
+    return Path(path)
 
 
 def _alive(pid):
@@ -198,7 +168,7 @@ def _alive(pid):
 
 
 def _stop(pid):
-    if pid > 0 and _alive(pid):
+    if pid and _alive(pid):
         os.kill(pid, signal.SIGTERM)
         assert wait_for(lambda: not _alive(pid)), f"process {pid} did not stop"
 
@@ -214,11 +184,11 @@ def scheduler_running():
 
 
 def stop_scheduler():
-    _stop(_pid_in(WORLD / "cupsd.pid"))
+    _stop(int((WORLD / "cupsd.pid").read_text()))
 
 
 def start_scheduler():
-    _start_detached(f"cupsd -f >>{WORLD}/cupsd.log 2>&1 & echo $! >{WORLD}/cupsd.pid", scheduler_running)
+    _start_detached(f"exec {os.environ['KESTREL_SCHEDULER']} >>{WORLD}/cupsd.log 2>&1 & echo $! >{WORLD}/cupsd.pid", scheduler_running)
 
 
 def printer_running():
@@ -226,7 +196,7 @@ def printer_running():
 
 
 def stop_printer():
-    _stop(_pid_in(WORLD / "ippeveprinter.pid"))
+    _stop(int((WORLD / "ippeveprinter.pid").read_text()))
 
 
 def start_printer():
@@ -244,8 +214,7 @@ def daemon_pid():
 
 def stop_daemon():
     """Ends the running daemon, if any; the next call starts a fresh one."""
-    pid = daemon_pid()
-    _stop(pid)
+    _stop(daemon_pid())
     assert wait_for(lambda: daemon_pid() == 0)
 
 
@@ -278,10 +247,9 @@ class Signals:
         pytest.fail(f"no {name} signal within {timeout} s")
 
     def pending(self):
-        context = GLib.MainContext.default()
-        while context.iteration(False):
+        while GLib.MainContext.default().iteration(False):
             pass
-        return list(self.received)
+        return [member for member, _ in self.received]
 
     def close(self):
         self.bus.close()
