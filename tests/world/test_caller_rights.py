@@ -34,7 +34,7 @@ def test_callers_own_pdfs_print_and_a_non_ascii_one_from_a_private_copy_it_owns(
 
 
 def test_documents_the_caller_may_not_read_or_remove_or_that_are_no_pdf_are_refused_at_once(office, documents):
-    secret = made(made(documents / "root-only", 0o700, content="dir") / "secret.pdf", 0o600)
+    secret = made(made(documents / "root-group", 0o750, content="dir") / "secret.pdf", 0o640)
     shared = made(made(documents / "lp-shared", 0o770, group=LP, content="dir") / "doc.pdf", 0o640, group=LP)
     mine = made(documents / "mine", 0o755, NOBODY, NOBODY, "dir")
     read_only = made(documents / "read-only", 0o755, content="dir")
