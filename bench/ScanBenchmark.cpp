@@ -1,5 +1,5 @@
 // Scan time with the given numbers of silent network devices (stand-ins from
-// tests/world/silent-devices.sh) against the scheduler's own device listing.
+// bench/silent-devices.sh) against the scheduler's own device listing.
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"

@@ -18,7 +18,7 @@ if [ "${1:-}" = --in-world ]; then
     done
     "$build/bench/memory-benchmark" fresh
     "$build/bench/bus-latency-benchmark"
-    bash tests/world/silent-devices.sh 16
+    bash bench/silent-devices.sh 16
     # Word splitting of the count list is wanted.
     # shellcheck disable=SC2086
     "$build/bench/scan-benchmark" ${KESTREL_BENCH_SCAN:-0 1 4 16}

@@ -1,10 +1,6 @@
-"""Fixtures for tests over the bus, run inside the test world (run-in-world.sh).
-
-The world starts kestrel-printd by bus activation on the first call, as a
-device does; its output lands in daemon.log. Every test begins from a fresh
-world: no daemon, no CUPS queues, no registry, nothing printed, a fresh
-system-log service (python-dbusmock).
-"""
+"""Fixtures for tests over the bus in the test world (run-in-world.sh). The bus starts the daemon on the first
+call, as on a device, and its output lands in daemon.log; every test begins with no daemon, queue, registry or
+printed document, and a fresh system-log service (python-dbusmock)."""
 import os
 import pickle
 import signal
@@ -35,13 +31,11 @@ SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer")
 
 
 class BusError(Exception):
-    def __init__(self, name, message):
-        super().__init__(name, message)
-        self.name, self.message = name, message
+    name = property(lambda self: self.args[0])
+    message = property(lambda self: self.args[1])
 
 
 def plain(value):
-    """dbus-python values as plain Python ones."""
     if isinstance(value, dict):
         return {plain(k): plain(v) for k, v in value.items()}
     if isinstance(value, (list, tuple)):
@@ -114,7 +108,6 @@ def print_document(path, printer, options=None, **kwargs):
 
 
 def error_of(function, *args, **kwargs):
-    """The BusError a call ends with; fails the test when it succeeds."""
     try:
         function(*args, **kwargs)
     except BusError as error:
@@ -140,7 +133,7 @@ def queues():
 
 
 def printed_documents():
-    """Documents the simulated printer has completed (.prn while arriving)."""
+    # A document still arriving is a .prn file.
     return sorted(p for p in SPOOL.iterdir() if p.suffix == ".pdf")
 
 
@@ -213,7 +206,6 @@ def daemon_pid():
 
 
 def stop_daemon():
-    """Ends the running daemon, if any; the next call starts a fresh one."""
     _stop(daemon_pid())
     assert wait_for(lambda: daemon_pid() == 0)
 
@@ -234,17 +226,8 @@ class Signals:
             dbus_interface=MANAGER, path=OBJECT_PATH, member_keyword="member")
 
     def wait(self, name, timeout=10.0):
-        context = GLib.MainContext.default()
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            while context.iteration(False):
-                pass
-            for index, (member, args) in enumerate(self.received):
-                if member == name:
-                    del self.received[index]
-                    return args[0]
-            time.sleep(0.01)
-        pytest.fail(f"no {name} signal within {timeout} s")
+        assert wait_for(lambda: name in self.pending(), timeout), f"no {name} signal within {timeout} s"
+        return self.received.pop(self.pending().index(name))[1][0]
 
     def pending(self):
         while GLib.MainContext.default().iteration(False):
@@ -277,8 +260,7 @@ class SystemLog:
     def stop(self):
         self.process.kill()
         self.process.wait()
-        bus = dbus.SystemBus()
-        assert wait_for(lambda: not bus.name_has_owner(self.NAME))
+        assert wait_for(lambda: not dbus.SystemBus().name_has_owner(self.NAME))
 
 
 def _require_world():
@@ -305,15 +287,13 @@ def reset_world():
 
 @pytest.fixture
 def system_log():
-    """A fresh world with a system-log service; the daemon starts on the first call."""
     _require_world()
     reset_world()
     log = SystemLog()
     yield log
     log.stop()
     stop_daemon()
-    text = daemon_log()
-    assert not any(marker in text for marker in SANITIZER_MARKERS), text
+    assert not any(marker in daemon_log() for marker in SANITIZER_MARKERS), daemon_log()
 
 
 @pytest.fixture
@@ -325,7 +305,6 @@ def signals(system_log):
 
 @pytest.fixture
 def office(system_log):
-    """A saved printer "Office" for the simulated printer."""
     manager("addPrinter", PRINTER_URI, "Office", dbus.Array([], signature="s"))
     return "Office"
 

@@ -13,35 +13,13 @@ LPADMIN = int(subprocess.run(["getent", "group", "lpadmin"], capture_output=True
               .stdout.split(":")[2])
 
 
-def members(xml, interface):
-    node = ElementTree.fromstring(xml).find(f"interface[@name='{interface}']")
-    described = set()
-    for member in node:
-        args = ", ".join(" ".join(filter(None, (a.get("direction"), a.get("type"), a.get("name"))))
-                         for a in member.findall("arg"))
-        described.add(f"{member.tag} {member.get('name')}({args})")
-    return described
-
-
-def test_introspection_shows_both_interfaces_with_their_published_members(system_log):
+def test_introspection_shows_both_interfaces_with_their_published_argument_names(system_log):
     xml = call("org.freedesktop.DBus.Introspectable", "Introspect")
-    assert members(xml, PRINTING) == {"method print(in s path, in s printer, in a{ss} parameters)"}
-    assert members(xml, MANAGER) == {
-        "method addPrinter(in s uri, in s name, in as users)",
-        "method removePrinter(in s name)",
-        "method renamePrinter(in s oldName, in s newName)",
-        "method setDefaultPrinter(in s name)",
-        "method getPrinterStatus(in s name, out i status)",
-        "method getPrinterStatuses(out a{si} statuses)",
-        "method getSavedPrinters(out as printers)",
-        "method scan()",
-        "method setDefaultSettings(in s printerName, in a(ss) settings)",
-        "method addUsers(in s printerName, in as users)",
-        "method removeUsers(in s printerName, in as users)",
-        "method getPrinterAttributes(in s printerName, out a{sas} pritnerAttributes)",
-        "signal accessiblePrintersChanged(a{ss} printers)",
-        "signal savedPrintersChanged(as printers)",
-    }
+    node = ElementTree.fromstring(xml)
+    assert [a.get("name") for a in node.findall(f"interface[@name='{PRINTING}']/method[@name='print']/arg")] == \
+        ["path", "printer", "parameters"]
+    out = node.find(f"interface[@name='{MANAGER}']/method[@name='getPrinterAttributes']/arg[@direction='out']")
+    assert (out.get("name"), out.get("type")) == ("pritnerAttributes", "a{sas}")
 
 
 @pytest.mark.parametrize("method, args, message", [
