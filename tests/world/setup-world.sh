@@ -15,12 +15,7 @@ unset CUPS_SERVER DBUS_SYSTEM_BUS_ADDRESS
 
 fail() {
     echo "test world: $*" >&2
-    local log
-    for log in /var/log/cups/error_log "$KESTREL_WORLD_DIR"/*.log; do
-        [ -s "$log" ] || continue
-        echo "--- $log" >&2
-        tail -n 20 "$log" >&2
-    done
+    tail -n 20 /var/log/cups/error_log "$KESTREL_WORLD_DIR"/*.log >&2 2>/dev/null
     exit 1
 }
 
@@ -100,13 +95,11 @@ LAUNCHER
 fi
 
 dbus-daemon --config-file="$here/system-bus.conf" --fork || fail "dbus-daemon failed to start"
-# Started from subshells so they are not our jobs: tests stop and restart
-# cupsd, and its end is no news to report.
-# cupsd's D-Bus notifier can abort the scheduler when a queue is deleted
-# moments after it was set up; the tests need no scheduler events on the bus.
+# Started from subshells, not as our jobs, as tests stop and restart them.
+# cupsd keeps off the bus: its D-Bus notifier can abort the scheduler when a
+# queue is deleted moments after it was set up.
 export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent cupsd -f"
 ($KESTREL_SCHEDULER >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
-# Tests take the printer away and bring it back with the same script.
 export KESTREL_PRINTER_START="$here/simulated-printer"
 ("$KESTREL_PRINTER_START" &)
 
@@ -114,14 +107,6 @@ wait_until "the system bus" busctl --system call org.freedesktop.DBus /org/freed
     org.freedesktop.DBus GetId
 wait_until "cupsd" sh -c 'lpstat -r | grep -qx "scheduler is running"'
 wait_until "ippeveprinter" bash -c ': </dev/tcp/127.0.0.1/631'
-
-# Optional, as on a real device: DNS-SD browsing on the private bus. Only
-# loopback exists here, so nothing leaves the host.
-if [ "${KESTREL_WORLD_AVAHI:-}" = 1 ]; then
-    mkdir -p /run/avahi-daemon
-    avahi-daemon --no-drop-root --no-chroot -D >/dev/null 2>&1 || fail "avahi-daemon failed to start"
-    wait_until "avahi-daemon" busctl --system status org.freedesktop.Avahi
-fi
 
 set +e
 "$@"

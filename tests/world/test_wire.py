@@ -22,15 +22,19 @@ DEVICES = [("usb://Maker/Model?serial=1", "Maker Model"), ("socket://127.0.0.1",
 def decode(body):
     operation, request_id = struct.unpack(">xxHI", body[:8])
     attributes, group, i = [], None, 8
+
+    def field():
+        nonlocal i
+        length = struct.unpack(">H", body[i:i + 2])[0]
+        i += 2 + length
+        return body[i - length:i]
+
     while body[i] != 3:
         tag, i = body[i], i + 1
         if tag < 0x10:
             group = tag
             continue
-        (length,) = struct.unpack(">H", body[i:i + 2])
-        name, i = body[i + 2:i + 2 + length].decode(), i + 2 + length
-        (length,) = struct.unpack(">H", body[i:i + 2])
-        raw, i = body[i + 2:i + 2 + length], i + 2 + length
+        name, raw = field().decode(), field()
         value = struct.unpack(">i", raw)[0] if tag in (INTEGER, ENUM) else bool(raw[0]) if tag == BOOLEAN \
             else raw.decode()
         if name in ("attributes-charset", "attributes-natural-language"):
