@@ -61,7 +61,7 @@ def test_documents_the_caller_may_not_read_or_remove_or_that_are_no_pdf_are_refu
     started = time.monotonic()
     assert manager("getSavedPrinters") == [office] and time.monotonic() - started < 1.0
     assert sorted(p.name for p in read_only.iterdir()) == ["doc.pdf", "отчёт.pdf"]
-    assert (shell("lpstat -W all -o"), printed_documents()) == (jobs, [])
+    assert set(shell("lpstat -W all -o").splitlines()) <= set(jobs.splitlines()) and printed_documents() == []
     # Supplementary groups count, and root keeps its rights.
     print_document(shared, office, user=NOBODY, groups=[LP])
     print_document(secret, office)
