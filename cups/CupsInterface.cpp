@@ -87,21 +87,14 @@ bool CupsInterface::destinationExists(std::string_view cupsName)
         throw std::runtime_error("cups_name is empty");
     // One question to the scheduler about its own queue: enumerating
     // destinations would also browse the network for printers.
-    const std::string wanted(cupsName);
+    CupsRequestHandler handler;
     try {
-        HttpPtr http = connectToScheduler();
-        if (!http)
-            return false;
-        ipp_t* request = ippNewRequest(IPP_OP_GET_PRINTER_ATTRIBUTES);
-        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", nullptr, queueUri(wanted).c_str());
-        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", nullptr, "defaultuser");
-        ippAddString(request, IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", nullptr, "printer-name");
-        IppPtr response(cupsDoRequest(http.get(), request, "/"));
-        if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
-            return false;
-        const char* name = ippGetString(ippFindAttribute(response.get(), "printer-name", IPP_TAG_NAME), 0, nullptr);
+        handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
+        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-name"});
+        handler.executeAdminRequest();
         // The scheduler's own lookup ignores letter case.
-        return name && wanted == name;
+        const std::vector<std::string> wanted{std::string(cupsName)};
+        return handler.getAttributes({"printer-name"})["printer-name"] == wanted;
     } catch (const std::exception&) {
         return false;
     }

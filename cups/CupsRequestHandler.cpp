@@ -86,14 +86,8 @@ std::vector<std::string> splitAtCommas(const std::string& text)
     return pieces;
 }
 
-} // namespace
-
-std::string cupsErrorText()
-{
-    const char* text = cupsLastErrorString();
-    return text ? text : "";
-}
-
+// A connection to the local scheduler as the process is configured for it,
+// every wait on it bounded; null when it cannot be opened.
 HttpPtr connectToScheduler()
 {
     return HttpPtr(bounded(httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1,
@@ -101,6 +95,7 @@ HttpPtr connectToScheduler()
                            SchedulerWaitSeconds));
 }
 
+// ipp://localhost/printers/NAME.
 std::string queueUri(const std::string& name)
 {
     char uri[UriBufferSize];
@@ -111,6 +106,15 @@ std::string queueUri(const std::string& name)
         throw std::runtime_error(std::string("error assembling printer uri: ") + httpURIStatusString(status));
     return uri;
 }
+
+} // namespace
+
+std::string cupsErrorText()
+{
+    const char* text = cupsLastErrorString();
+    return text ? text : "";
+}
+
 
 CupsRequestHandler::~CupsRequestHandler()
 {

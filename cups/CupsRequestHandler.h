@@ -27,14 +27,6 @@ using IppPtr = std::unique_ptr<ipp_t, IppDeleter>;
 // The library's last error text; empty rather than null before any error.
 std::string cupsErrorText();
 
-// A connection to the local scheduler as the process is configured for it,
-// every wait on it bounded; null when it cannot be opened.
-HttpPtr connectToScheduler();
-
-// ipp://localhost/printers/NAME; raises "error assembling printer uri: ..."
-// when the library cannot build it.
-std::string queueUri(const std::string& name);
-
 // One connection, one pending request and the last response: the only way
 // the service speaks IPP to a scheduler or a printer.
 class CupsRequestHandler {
