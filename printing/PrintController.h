@@ -5,25 +5,24 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 namespace Kestrel::Private {
 
 class CupsInterface;
-class CupsRequestHandler;
 class DatabaseManager;
 class SystemInterface;
 
 // The logic behind ru.zorv.PrintingService: one PDF document becomes one
 // CUPS job on the queue the registry names. The document is read, copied
-// and removed only with the rights of the caller who asked.
+// and removed only with the rights of the caller who asked. Jobs are sent
+// side by side, each over its own thread's scheduler connection, so the
+// two requests of one job never interleave with another's.
 class PrintController {
 public:
     PrintController();
-    PrintController(std::shared_ptr<CupsRequestHandler> requestHandler,
-                    std::shared_ptr<CupsInterface> cups,
+    PrintController(std::shared_ptr<CupsInterface> cups,
                     std::shared_ptr<SystemInterface> system,
                     std::shared_ptr<DatabaseManager> database);
 
@@ -38,11 +37,9 @@ private:
     void sendDocument(const CallerCredentials& caller, const Document& document, const std::string& cupsName,
                       int jobId);
 
-    std::shared_ptr<CupsRequestHandler> requestHandler;
     std::shared_ptr<CupsInterface> cups;
     std::shared_ptr<SystemInterface> system;
     std::shared_ptr<DatabaseManager> database;
-    std::mutex jobMutex;
 };
 
 } // namespace Kestrel::Private

@@ -3,12 +3,57 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <malloc.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+// How long calls in flight may take to end once a stop is asked for.
+constexpr auto StopBound = std::chrono::seconds(5);
+
+} // namespace
+
 int main()
 {
+    // Every worker would otherwise bring a malloc arena of its own, which
+    // keeps its memory after a burst of calls.
+    mallopt(M_ARENA_MAX, 2);
+    // Blocked before any thread starts, so every thread inherits the mask
+    // and the stop signals reach only the sigwait below.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    const char* const busName = "ru.zorv.print";
     const char* const objectPath = "/ru/zorv/print";
-    auto connection = sdbus::createSystemBusConnection("ru.zorv.print");
+    auto connection = sdbus::createSystemBusConnection(busName);
     Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
     Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath);
-    connection->enterEventLoop();
+    connection->enterEventLoopAsync();
+
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    // Calls still waiting are answered with an error; running ones may end.
+    manager.refuseCalls();
+    printing.refuseCalls();
+    const auto deadline = std::chrono::steady_clock::now() + StopBound;
+    const bool managerEnded = manager.finishCalls(deadline);
+    const bool allEnded = printing.finishCalls(deadline) && managerEnded;
+    connection->releaseName(busName);
+    connection->leaveEventLoop();
+    if (!allEnded) {
+        // Workers still running use what the destructors would free.
+        std::cout.flush();
+        std::cerr.flush();
+        std::fflush(nullptr);
+        _exit(0);
+    }
     return 0;
 }

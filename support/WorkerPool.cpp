@@ -56,6 +56,12 @@ bool WorkerPool::stop(std::chrono::steady_clock::time_point deadline)
     return true;
 }
 
+bool WorkerPool::stopped()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return stopping;
+}
+
 void WorkerPool::work()
 {
     std::unique_lock<std::mutex> lock(mutex);
