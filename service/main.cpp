@@ -1,5 +1,6 @@
 #include "manager/PrinterManagerInterface.h"
 #include "printing/PrintingServiceInterface.h"
+#include "support/CurlInterface.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -23,6 +24,7 @@ int main()
     // Every worker would otherwise bring a malloc arena of its own, which
     // keeps its memory after a burst of calls.
     mallopt(M_ARENA_MAX, 2);
+    Kestrel::Private::CurlInterface::setUpLibrary();
     // Blocked before any thread starts, so every thread inherits the mask
     // and the stop signals reach only the sigwait below.
     sigset_t stopSignals;

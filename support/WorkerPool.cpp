@@ -1,5 +1,7 @@
 #include "support/WorkerPool.h"
 
+#include <malloc.h>
+
 namespace Kestrel::Private {
 
 WorkerPool::WorkerPool(size_t threadCount, size_t backlog)
@@ -77,8 +79,13 @@ void WorkerPool::work()
         entry = {};
         lock.lock();
         --running;
-        if (running == 0)
-            changed.notify_all();
+        if (running > 0 || !waiting.empty())
+            continue;
+        changed.notify_all();
+        // A burst of calls leaves free memory in the arenas; idle, the pool gives it back.
+        lock.unlock();
+        malloc_trim(0);
+        lock.lock();
     }
 }
 
