@@ -12,7 +12,7 @@ packages=(
     # test world and demo
     cups cups-client cups-daemon cups-filters cups-ipp-utils qpdf
     dbus-daemon dbus-bin systemd iproute2 util-linux avahi-daemon bash-completion
-    python3-pytest python3-dbus python3-gi python3-dbusmock
+    python3-pytest python3-dbus python3-gi python3-dbusmock strace
     # benchmarks (scripts/bench.sh: column)
     bsdextrautils
 )
