@@ -142,10 +142,15 @@ def test_watch_prints_one_line_per_signal_until_interrupted(office):
     assert found["signal"] == "accessiblePrintersChanged" and isinstance(found["devices"], list)
 
 
-def test_scan_shows_its_wait_on_a_terminal_and_gives_up_after_its_timeout(system_log):
+def test_scan_shows_its_wait_on_a_terminal_gives_up_after_its_timeout_and_exits_130_when_interrupted(system_log):
     slow = Path("/usr/lib/cups/backend/kestrel-slow")
     slow.write_text("#!/bin/sh\n[ $# -eq 0 ] || exit 1\nsleep 3\n")
     slow.chmod(0o755)
+    # Interrupted while the discovery runs: the shell's status for SIGINT.
+    interrupted = subprocess.Popen([CLIENT, "scan"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    assert wait_for(lambda: "kestrel-slow" in shell("ps -eo args"))
+    interrupted.send_signal(signal.SIGINT)
+    assert interrupted.wait(timeout=30) == 130
     terminal, errors = pty.openpty()
     shown = b""
     try:
