@@ -135,9 +135,13 @@ bool CupsInterface::isStopped(std::string_view cupsName)
     CupsRequestHandler handler;
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
-        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-state"});
+        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
+                           {"printer-state", "printer-state-reasons"});
         handler.executeAdminRequest();
-        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"};
+        auto attributes = handler.getAttributes({"printer-state", "printer-state-reasons"});
+        const auto& reasons = attributes["printer-state-reasons"];
+        return attributes["printer-state"] == std::vector<std::string>{"stopped"} &&
+               std::find(reasons.begin(), reasons.end(), "paused") == reasons.end();
     } catch (const std::exception&) {
         return false;
     }
