@@ -16,6 +16,9 @@ constexpr size_t UriPartSize = 1024;
 
 const std::unordered_set<std::string> PrinterAttributes = {
     "printer-state", "printer-state-reasons", "printer-state-message", "printer-is-accepting-jobs", "device-uri"};
+// An empty message cannot be read as a list; it is read as one text.
+const std::unordered_set<std::string> PrinterLists = {"printer-state", "printer-state-reasons",
+                                                      "printer-is-accepting-jobs", "device-uri"};
 
 std::string first(const AttributeMap& attributes, const std::string& name)
 {
@@ -32,16 +35,13 @@ std::vector<std::string> reasons(const AttributeMap& attributes, const std::stri
     return found->second;
 }
 
-PrinterStatus printerStatus(const AttributeMap& attributes)
+PrinterStatus printerStatus(CupsRequestHandler& handler)
 {
+    const auto attributes = handler.getAttributes(PrinterLists);
     PrinterStatus status;
     status.state = first(attributes, "printer-state");
     status.reasons = reasons(attributes, "printer-state-reasons");
-    // The text was split at its commas like a list; it is one text.
-    if (const auto message = attributes.find("printer-state-message"); message != attributes.end()) {
-        for (const auto& piece : message->second)
-            status.message += (status.message.empty() ? "" : ",") + piece;
-    }
+    status.message = handler.getText("printer-state-message");
     status.accepting = first(attributes, "printer-is-accepting-jobs") == "true";
     status.deviceUri = first(attributes, "device-uri");
     return status;
@@ -105,7 +105,7 @@ PrinterStatus CupsJobs::queueStatus(const std::string& queue)
     handler.prepareRequest(queue, IPP_OP_GET_PRINTER_ATTRIBUTES);
     handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", PrinterAttributes);
     handler.executeAdminRequest();
-    return printerStatus(handler.getAttributes(PrinterAttributes));
+    return printerStatus(handler);
 }
 
 PrinterStatus CupsJobs::deviceStatus(const std::string& uri)
@@ -122,7 +122,7 @@ PrinterStatus CupsJobs::deviceStatus(const std::string& uri)
         handler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", uri);
         handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", PrinterAttributes);
         handler.executeRequestAt(resource);
-        return printerStatus(handler.getAttributes(PrinterAttributes));
+        return printerStatus(handler);
     } catch (const std::exception&) {
         return offline();
     }

@@ -279,6 +279,13 @@ std::vector<int> CupsRequestHandler::getIntegers(std::string_view name)
     return values;
 }
 
+std::string CupsRequestHandler::getText(std::string_view name)
+{
+    const char* text = ippGetString(ippFindAttribute(storedResponse(response), std::string(name).c_str(), IPP_TAG_TEXT),
+                                    0, nullptr);
+    return text ? text : "";
+}
+
 AttributeMap CupsRequestHandler::getAttributes(const std::unordered_set<std::string>& names)
 {
     ipp_t* ipp = storedResponse(response);

@@ -59,6 +59,8 @@ public:
     virtual int getInteger(std::string_view name);
     // Every value of the attribute in the response, across its groups.
     virtual std::vector<int> getIntegers(std::string_view name);
+    // The first value of a text attribute; empty when there is none.
+    std::string getText(std::string_view name);
     virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
 
 private:
