@@ -3,7 +3,6 @@ cancel, printer states (a paused queue, a silent network printer), a limit per c
 import grp
 import os
 import pickle
-import re
 import socket
 import threading
 import time
@@ -11,10 +10,9 @@ import time
 import dbus
 from gi.repository import GLib
 
-from conftest import (NOBODY, OBJECT_PATH, PRINTING, call, error_of, print_document, printed_documents,
-                      private_bus, plain, shell, stop_daemon, stop_printer, wait_for, write_pdf, BUS_NAME)
+from conftest import (BUS_NAME, JOBS, NOBODY, OBJECT_PATH, call, error_of, print_document, printed_documents,
+                      private_bus, plain, shell, stop_daemon, stop_printer, wait_for, write_pdf)
 
-JOBS = "ru.zorv.PrintJobs"
 OTHER = 1
 LPADMIN = grp.getgrnam("lpadmin").gr_gid
 LIMIT = 50
@@ -25,7 +23,7 @@ def jobs(method, *args, **kwargs):
 
 
 def submit(path, printer, **kwargs):
-    return jobs("submit", str(path), printer, dbus.Dictionary({}, signature="ss"), **kwargs)
+    return print_document(path, printer, interface=JOBS, **kwargs)
 
 
 def listen(bus, member, received):
