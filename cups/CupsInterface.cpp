@@ -136,12 +136,12 @@ bool CupsInterface::isStopped(std::string_view cupsName)
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
         handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
-                           {"printer-state", "printer-state-reasons"});
+                           {"printer-state", "printer-state-message"});
         handler.executeAdminRequest();
-        auto attributes = handler.getAttributes({"printer-state", "printer-state-reasons"});
-        const auto& reasons = attributes["printer-state-reasons"];
-        return attributes["printer-state"] == std::vector<std::string>{"stopped"} &&
-               std::find(reasons.begin(), reasons.end(), "paused") == reasons.end();
+        // The scheduler's own text for a pause asked for without a reason
+        // (cupsdisable); a backend that stops the queue leaves its own message.
+        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"} &&
+               handler.getText("printer-state-message") != "Paused";
     } catch (const std::exception&) {
         return false;
     }
