@@ -37,7 +37,8 @@ std::string PrintJob::describe() const
     std::string text = word == stateWords.end() ? state : word->second;
     if (pages > 0)
         text += ", " + std::to_string(pages) + (pages == 1 ? " page" : " pages");
-    const auto why = reasonWords(reasons);
+    // The scheduler leaves reasons such as processing-to-stop-point on a finished job.
+    const auto why = state == "completed" ? "" : reasonWords(reasons);
     return why.empty() ? text : text + " (" + why + ")";
 }
 
