@@ -77,26 +77,27 @@ void PrintJobsInterface::answer(WorkerPool& pool, sdbus::Result<Results...>&& re
         refuse();
 }
 
-// Read on the bus thread, while the call is the one being processed.
+// Read on the bus thread, while the call is the one being processed; the
+// bus library answers only its own error type for a handler that throws.
 CallerCredentials PrintJobsInterface::caller()
 {
     const auto& object = getObject();
-    return CallerCredentials::ofSender(object.getConnection(), object.getCurrentlyProcessedMessage()->getSender());
+    try {
+        return CallerCredentials::ofSender(object.getConnection(), object.getCurrentlyProcessedMessage()->getSender());
+    } catch (const std::exception& error) {
+        throw sdbus::Error(ErrorName, error.what());
+    }
 }
 
 void PrintJobsInterface::submit(sdbus::Result<uint32_t>&& result, std::string path, std::string printer,
                                 std::map<std::string, std::string> parameters)
 {
-    try {
-        const auto sender = getObject().getCurrentlyProcessedMessage()->getSender();
-        answer(jobWorkers, std::move(result), [this, who = caller(), sender, path, printer, parameters] {
-            const int id = controller->submit(who, path, printer, parameters);
-            watcher.follow(id, sender);
-            return static_cast<uint32_t>(id);
-        });
-    } catch (const std::exception& error) {
-        result.returnError(sdbus::Error(ErrorName, error.what()));
-    }
+    const auto sender = getObject().getCurrentlyProcessedMessage()->getSender();
+    answer(jobWorkers, std::move(result), [this, who = caller(), sender, path, printer, parameters] {
+        const int id = controller->submit(who, path, printer, parameters);
+        watcher.follow(id, sender);
+        return static_cast<uint32_t>(id);
+    });
 }
 
 void PrintJobsInterface::getJobs(sdbus::Result<std::vector<Dictionary>>&& result)
