@@ -118,7 +118,8 @@ void PrintJobsInterface::getJob(sdbus::Result<Dictionary>&& result, uint32_t job
 
 void PrintJobsInterface::cancelJob(sdbus::Result<>&& result, uint32_t job)
 {
-    answer(jobWorkers, std::move(result), [this, who = caller(), job] { controller->cancel(who, static_cast<int>(job)); });
+    answer(jobWorkers, std::move(result),
+           [this, who = caller(), job] { controller->cancel(who, static_cast<int>(job)); });
 }
 
 void PrintJobsInterface::getPrinterState(sdbus::Result<Dictionary>&& result, std::string printer)
