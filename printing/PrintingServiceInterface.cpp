@@ -4,8 +4,10 @@
 
 namespace Kestrel::Private {
 
-PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path)
+PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path,
+                                                   std::shared_ptr<PrintController> controller)
     : AdaptorInterfaces(connection, std::move(path))
+    , controller(std::move(controller))
 {
     registerAdaptor();
 }
@@ -23,7 +25,7 @@ void PrintingServiceInterface::print(const std::string& path, const std::string&
         const auto& object = getObject();
         const auto caller = CallerCredentials::ofSender(object.getConnection(),
                                                         object.getCurrentlyProcessedMessage()->getSender());
-        controller.print(caller, path, printer, parameters);
+        controller->print(caller, path, printer, parameters);
     } catch (const std::exception& error) {
         throw sdbus::Error("ru.zorv.PrintingService.Error", error.what());
     }

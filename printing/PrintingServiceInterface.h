@@ -11,14 +11,15 @@ namespace Kestrel::Private {
 // ru.zorv.PrintingService on the bus.
 class PrintingServiceInterface : public sdbus::AdaptorInterfaces<ru::zorv::PrintingService_adaptor> {
 public:
-    PrintingServiceInterface(sdbus::IConnection& connection, std::string path);
+    PrintingServiceInterface(sdbus::IConnection& connection, std::string path,
+                             std::shared_ptr<PrintController> controller);
     ~PrintingServiceInterface();
 
 private:
     void print(const std::string& path, const std::string& printer,
                const std::map<std::string, std::string>& parameters) override;
 
-    PrintController controller;
+    std::shared_ptr<PrintController> controller;
 };
 
 } // namespace Kestrel::Private

@@ -1,4 +1,5 @@
 #include "manager/PrinterManagerInterface.h"
+#include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
 #include "support/Privileges.h"
 
@@ -11,7 +12,10 @@ int main()
     Kestrel::Private::Privileges::keepOnlyIdentitySwitch();
     auto connection = sdbus::createSystemBusConnection("ru.zorv.print");
     Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
-    Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath);
+    // One print core for both printing interfaces: one job limit, one record of owners.
+    auto printer = std::make_shared<Kestrel::Private::PrintController>();
+    Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
+    Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer);
     connection->enterEventLoop();
     return 0;
 }

@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (DAEMON_ENV, NOBODY, PRINTER_URI, REGISTRY, daemon_pid, error_of, manager, print_document,
+from conftest import (DAEMON_ENV, JOBS, NOBODY, PRINTER_URI, REGISTRY, daemon_pid, error_of, manager, print_document,
                       printed_documents, shell, wait_for, write_pdf)
 
 LP = grp.getgrnam("lp").gr_gid
@@ -61,6 +61,10 @@ def test_documents_the_caller_may_not_read_or_remove_or_that_are_no_pdf_are_refu
         assert time.monotonic() - started < 1.0, path
         assert (error.name, re.sub("[0-9a-f-]{36}", "UUID", error.message)) == \
             ("ru.zorv.PrintingService.Error", expected.format(path=path))
+        # The same refusals, under the other interface's name.
+        refused = error_of(print_document, path, office, user=NOBODY, interface=JOBS)
+        assert (refused.name, re.sub("[0-9a-f-]{36}", "UUID", refused.message)) == \
+            (JOBS + ".Error", expected.format(path=path))
         assert os.path.lexists(path)
     started = time.monotonic()
     assert manager("getSavedPrinters") == [office] and time.monotonic() - started < 1.0

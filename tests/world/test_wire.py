@@ -12,7 +12,8 @@ from conftest import DAEMON_ENV, error_of, manager, print_document, stop_printer
 OPERATION, JOB, PRINTER = 1, 2, 4
 INTEGER, BOOLEAN, ENUM, TEXT, NAME, KEYWORD, URI, CHARSET, LANGUAGE, MIME = \
     0x21, 0x22, 0x23, 0x41, 0x42, 0x44, 0x45, 0x47, 0x48, 0x49
-GET_PRINTER_ATTRIBUTES, CREATE_JOB, SEND_DOCUMENT, ADD_MODIFY, DELETE, GET_DEVICES = 0xB, 5, 6, 0x4003, 0x4004, 0x400B
+GET_PRINTER_ATTRIBUTES, CREATE_JOB, SEND_DOCUMENT, CANCEL_JOB, ADD_MODIFY, DELETE, GET_DEVICES = \
+    0xB, 5, 6, 8, 0x4003, 0x4004, 0x400B
 CAPABILITIES = {"media-supported": ["iso_a4_210x297mm", "", "na_letter_8.5x11in"],
                 "sides-supported": ["one-sided", ""], "print-color-mode-supported": ["monochrome"],
                 "orientation-requested-supported": ["portrait"]}
@@ -66,6 +67,7 @@ def encode(request_id, groups, status=0):
 class Recorder(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     requests, statuses, connections, misdirected = [], {}, [], []
+    on_create = staticmethod(lambda: None)
 
     def log_message(self, *args):
         pass
@@ -89,6 +91,7 @@ class Recorder(BaseHTTPRequestHandler):
             printer += [(KEYWORD, name, values) for name, values in CAPABILITIES.items()]
             groups = [(PRINTER, printer + [(KEYWORD, "ipp-versions-supported", ["1.1", "2.0"])])]
         elif operation == CREATE_JOB:
+            Recorder.on_create()
             groups = [(JOB, [(INTEGER, "job-id", [7])])]
         elif operation == GET_DEVICES:
             groups = [(PRINTER, [(KEYWORD, "device-class", ["network"]), (TEXT, "device-info", [info]),
@@ -110,6 +113,7 @@ def recorder(system_log):
     threading.Thread(target=server.serve_forever, daemon=True).start()
     DAEMON_ENV.write_text("export CUPS_SERVER=127.0.0.1:631\n")
     Recorder.requests, Recorder.statuses, Recorder.connections, Recorder.misdirected = [], {}, [], []
+    Recorder.on_create = lambda: None
     yield Recorder.requests
     server.shutdown()
     server.server_close()
@@ -185,6 +189,11 @@ def test_a_job_carries_the_options_as_keywords_then_the_document(recorder, docum
     assert error_of(print_document, write_pdf(documents / "b.pdf"), "Office", {"zoom": "1"}).message.startswith(
         "Unknown option 'zoom'.")
     assert len(sent(recorder, CREATE_JOB)) == 1
+    # A document gone between the two requests leaves no job behind.
+    gone = write_pdf(documents / "gone.pdf")
+    Recorder.on_create = gone.unlink
+    assert error_of(print_document, gone, "Office").message == f"file {gone}doesn't exist."
+    assert sent(recorder, CANCEL_JOB) == [(addressed(queue) + [(OPERATION, INTEGER, "job-id", [7])], b"")]
 
 
 def test_scan_runs_one_discovery_probes_socket_devices_and_keeps_the_first_report_of_a_uri(recorder, signals):
