@@ -78,6 +78,24 @@ void ServiceClient::print(const std::string& path, const std::string& printer)
         .withArguments(path, printer, std::map<std::string, std::string>{});
 }
 
+uint32_t ServiceClient::submit(const std::string& path, const std::string& printer)
+{
+    uint32_t job = 0;
+    service->callMethod("submit")
+        .onInterface("ru.zorv.PrintJobs")
+        .withTimeout(callTimeout)
+        .withArguments(path, printer, std::map<std::string, std::string>{})
+        .storeResultsTo(job);
+    return job;
+}
+
+std::string ServiceClient::jobState(uint32_t job)
+{
+    std::map<std::string, sdbus::Variant> state;
+    service->callMethod("getJob").onInterface("ru.zorv.PrintJobs").withArguments(job).storeResultsTo(state);
+    return state.at("state").get<std::string>();
+}
+
 std::optional<std::map<std::string, std::string>> ServiceClient::scan(std::chrono::seconds timeout)
 {
     std::unique_lock<std::mutex> lock(scanMutex);

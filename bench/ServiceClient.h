@@ -23,6 +23,8 @@ public:
     void removePrinter(const std::string& name);
     std::map<std::string, std::vector<std::string>> printerAttributes(const std::string& name);
     void print(const std::string& path, const std::string& printer);
+    uint32_t submit(const std::string& path, const std::string& printer);
+    std::string jobState(uint32_t job);
     // Starts a scan and waits for its signal; nullopt when none came in time.
     std::optional<std::map<std::string, std::string>> scan(std::chrono::seconds timeout);
     // Process id of a name's owner on the bus.

@@ -6,6 +6,8 @@
 #include "Output.h"
 #include "PrintOptions.h"
 #include "PrintServiceProxy.h"
+#include "PrinterState.h"
+#include "Text.h"
 
 #include <filesystem>
 #include <optional>
@@ -17,6 +19,10 @@ namespace {
 // Method calls such as adding a printer may wait on a slow printer; give them
 // longer than the bus library's default.
 constexpr std::chrono::minutes methodCallTimeout {2};
+
+// A lost signal (the service restarted) must not leave --wait waiting for
+// ever: the job is asked after this long without news.
+constexpr std::chrono::seconds jobRecheck {5};
 
 // Ends a command that was interrupted: the shell's status for SIGINT.
 struct Interrupted
@@ -98,7 +104,16 @@ void ClientCommands::dispatch(
     if (command == "scan")
         return scan(invocation, connection, proxy, output);
     if (command == "print")
-        return print(invocation, proxy, output);
+        return print(invocation, connection, proxy, output);
+    if (command == "jobs")
+        return jobs(invocation, proxy, output);
+    if (command == "cancel") {
+        const auto id = static_cast<uint32_t>(std::stoul(arguments[0]));
+        proxy.cancelJob(id);
+        return output.jobCanceled(id);
+    }
+    if (command == "status")
+        return output.printerState(arguments[0], PrinterState::from(proxy.getPrinterState(arguments[0])));
     watch(connection, proxy, output);
 }
 
@@ -142,7 +157,8 @@ void ClientCommands::watch(sdbus::IConnection& connection, PrintServiceProxy& pr
     loop.runUntil([] { return false; }, std::nullopt);
 }
 
-void ClientCommands::print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output)
+void ClientCommands::print(
+    const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
 {
     // The service resolves nothing against our working directory.
     const auto file = std::filesystem::absolute(invocation.arguments[0]).lexically_normal().string();
@@ -150,8 +166,53 @@ void ClientCommands::print(const CommandLine::Invocation& invocation, PrintServi
     auto toSend = invocation.options;
     if (!invocation.force && options.needsCapabilities())
         toSend = options.checkedAgainst(proxy.getPrinterAttributes(invocation.printer), invocation.printer);
-    proxy.print(file, invocation.printer, toSend);
-    output.printed(file, invocation.printer, toSend, invocation.force);
+    if (!invocation.wait) {
+        proxy.print(file, invocation.printer, toSend);
+        return output.printed(file, invocation.printer, toSend, invocation.force);
+    }
+    const auto job = follow(proxy.submit(file, invocation.printer, toSend), connection, proxy, output);
+    output.printedJob(file, invocation.printer, toSend, invocation.force, job);
+    if (job.state != "completed")
+        throw Failure("job_not_completed",
+            "job " + std::to_string(job.id) + " on printer " + Client::quoted(invocation.printer) + " ended "
+                + job.describe(),
+            ExitStatus::Refused);
+}
+
+void ClientCommands::jobs(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output)
+{
+    std::vector<PrintJob> shown;
+    for (const auto& job : proxy.getJobs()) {
+        auto parsed = PrintJob::from(job);
+        if (invocation.all || !parsed.ended())
+            shown.push_back(std::move(parsed));
+    }
+    output.jobs(shown);
+}
+
+// The job's changes come as signals to this connection only.
+PrintJob ClientCommands::follow(uint32_t id, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output)
+{
+    auto job = PrintJob::from(proxy.getJob(id));
+    proxy.onJob([&job, id](const auto& changed) {
+        auto parsed = PrintJob::from(changed);
+        if (parsed.id == id)
+            job = std::move(parsed);
+    });
+    BusEventLoop loop(connection);
+    while (!job.ended()) {
+        output.progress("Job " + std::to_string(id) + " on " + Client::quoted(job.printer) + ": " + job.describe());
+        const auto outcome = loop.runUntil(
+            [&job, shown = job.state + std::to_string(job.pages)] {
+                return job.ended() || job.state + std::to_string(job.pages) != shown;
+            },
+            std::chrono::steady_clock::now() + jobRecheck);
+        if (outcome == BusEventLoop::Outcome::Interrupted)
+            throw Interrupted();
+        if (outcome == BusEventLoop::Outcome::TimedOut)
+            job = PrintJob::from(proxy.getJob(id));
+    }
+    return job;
 }
 
 } // namespace Kestrel::Client

@@ -11,6 +11,7 @@ class IConnection;
 
 namespace Kestrel::Client {
 
+struct PrintJob;
 class Output;
 class PrintServiceProxy;
 
@@ -31,7 +32,10 @@ private:
     void scan(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
         Output& output);
     void watch(sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output);
-    void print(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output);
+    void print(const CommandLine::Invocation& invocation, sdbus::IConnection& connection, PrintServiceProxy& proxy,
+        Output& output);
+    void jobs(const CommandLine::Invocation& invocation, PrintServiceProxy& proxy, Output& output);
+    PrintJob follow(uint32_t id, sdbus::IConnection& connection, PrintServiceProxy& proxy, Output& output);
 
     std::ostream& out_;
     std::ostream& err_;

@@ -172,6 +172,22 @@ CommandLine::CommandLine()
             },
             ""));
     print->add_flag("-f,--force", call.force, "Send the options unchecked");
+    print->add_flag("-w,--wait", call.wait,
+        "Follow the job until it ends (a live line on a terminal); exit 1 unless it completed");
+
+    auto* jobs = command(app, "jobs", "List your print jobs that have not ended (root and lpadmin: everyone's).",
+        "With --json: {\"jobs\": [{\"id\": N, \"printer\": NAME, \"document\": FILE, \"state\": STATE,\n"
+        "\"reasons\": [REASON], \"pages\": N, \"created\": UNIX_TIME}]}, newest first.");
+    jobs->add_flag("-a,--all", call.all, "Also list the jobs that have ended");
+
+    auto* cancel = command(app, "cancel", "Cancel a print job that has not ended.", "With --json: {\"job\": ID}.");
+    cancel->add_option("ID", "Job number, as 'jobs' shows it")->required()->check(CLI::PositiveNumber);
+
+    auto* status = command(app, "status", "Show whether a saved printer is ready, and what it lacks.",
+        "Network printers are asked themselves as well, for at most a few seconds.\n"
+        "With --json: {\"printer\": NAME, \"state\": STATE, \"reasons\": [REASON],\n"
+        "\"description\": TEXT, \"message\": TEXT, \"accepting\": BOOL}.");
+    status->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
 
     command(app, "watch", "Show every change of the saved or reachable printers until interrupted.",
         "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"

@@ -29,6 +29,8 @@ public:
         std::chrono::seconds timeout {60};
         bool json = false;
         bool force = false;
+        bool wait = false;
+        bool all = false;
         // Set when the arguments asked for help or the version: print it, do nothing else.
         std::string text;
     };

@@ -105,6 +105,19 @@ Failure ErrorExplainer::fromService(const std::string& text, const std::string& 
         return refused("scheduler_unreachable",
             "the print service cannot reach the print scheduler (CUPS); is cupsd running?", ExitStatus::Refused);
 
+    if (startsWith(text, "there is no job "))
+        return refused("unknown_job",
+            "there is no job " + text.substr(16) + " that you may see; 'kestrel-print jobs --all' lists yours",
+            ExitStatus::Refused);
+    if (startsWith(text, "job ") && text.find(" has already ended") != std::string::npos)
+        return refused("job_ended", "job " + arguments[0] + " has already ended; there is nothing to cancel",
+            ExitStatus::Refused);
+    if (startsWith(text, "too many active print jobs"))
+        return refused("job_limit",
+            "you have as many print jobs waiting or printing as one user may; wait for some to end, or cancel "
+            "some ('kestrel-print jobs')",
+            ExitStatus::Refused);
+
     const auto saved = printer();
     if (!saved.empty() && (text == "cups_name is empty" || !printerSaved(saved)))
         return refused("unknown_printer",
@@ -137,6 +150,12 @@ std::string ErrorExplainer::action() const
         return "print";
     if (command == "watch")
         return "watch the print service";
+    if (command == "jobs")
+        return "list the print jobs";
+    if (command == "cancel")
+        return "cancel job " + invocation_.arguments[0];
+    if (command == "status")
+        return "read the state of " + quoted(invocation_.arguments[0]);
     return command + " printers";
 }
 
@@ -145,7 +164,7 @@ std::string ErrorExplainer::printer() const
     const auto& command = invocation_.command;
     if (command == "print")
         return invocation_.printer;
-    if (command == "remove" || command == "rename" || command == "attributes")
+    if (command == "remove" || command == "rename" || command == "attributes" || command == "status")
         return invocation_.arguments[0];
     return {};
 }

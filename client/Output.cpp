@@ -45,6 +45,12 @@ std::string oneLine(std::string text)
     return line;
 }
 
+json jobObject(const PrintJob& job)
+{
+    return {{"id", job.id}, {"printer", job.printer}, {"document", job.document}, {"state", job.state},
+        {"reasons", job.reasons}, {"pages", job.pages}, {"created", job.created}};
+}
+
 } // namespace
 
 Output::Output(std::ostream& out, std::ostream& err, bool json, bool terminal)
@@ -136,6 +142,69 @@ void Output::printed(
         return;
     }
     note("Sent " + file + " to printer " + quoted(printer) + "; the service has deleted the file.");
+}
+
+void Output::printedJob(const std::string& file, const std::string& printer,
+    const std::map<std::string, std::string>& options, bool forced, const PrintJob& job)
+{
+    endProgress();
+    if (json_) {
+        write(out_,
+            {{"printer", printer}, {"file", file}, {"options", options}, {"forced", forced}, {"job", jobObject(job)}});
+        return;
+    }
+    note("Job " + std::to_string(job.id) + " on printer " + quoted(printer) + ": " + job.describe()
+        + "; the service has deleted " + file + ".");
+}
+
+void Output::jobs(const std::vector<PrintJob>& jobs)
+{
+    if (json_) {
+        auto list = json::array();
+        for (const auto& job : jobs)
+            list.push_back(jobObject(job));
+        write(out_, {{"jobs", list}});
+        return;
+    }
+    if (jobs.empty()) {
+        note("No print jobs.");
+        return;
+    }
+    std::size_t printerWidth = 7, documentWidth = 8;
+    for (const auto& job : jobs) {
+        printerWidth = std::max(printerWidth, job.printer.size());
+        documentWidth = std::max(documentWidth, job.document.size());
+    }
+    const auto row = [&](const std::string& id, const std::string& printer, const std::string& document,
+                         const std::string& state) {
+        out_ << id << std::string(id.size() < 6 ? 6 - id.size() : 1, ' ') << printer
+             << std::string(printerWidth - printer.size() + 2, ' ') << document
+             << std::string(documentWidth - document.size() + 2, ' ') << state << '\n';
+    };
+    row("ID", "PRINTER", "DOCUMENT", "STATE");
+    for (const auto& job : jobs)
+        row(std::to_string(job.id), job.printer, job.document, job.describe());
+}
+
+void Output::jobCanceled(uint32_t id)
+{
+    if (json_) {
+        write(out_, {{"job", id}});
+        return;
+    }
+    note("Canceled job " + std::to_string(id) + ".");
+}
+
+void Output::printerState(const std::string& printer, const PrinterState& state)
+{
+    if (json_) {
+        write(out_, {{"printer", printer}, {"state", state.state}, {"reasons", state.reasons},
+            {"description", state.describe()}, {"message", state.message}, {"accepting", state.accepting}});
+        return;
+    }
+    out_ << printer << ": " << state.describe() << '\n';
+    if (!state.message.empty())
+        out_ << "  " << state.message << '\n';
 }
 
 void Output::savedPrintersChanged(const std::vector<std::string>& printers)

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "PrintJob.h"
+#include "PrinterState.h"
+
 #include <nlohmann/json_fwd.hpp>
 
 #include <map>
@@ -28,6 +31,12 @@ public:
     void devices(const std::map<std::string, std::string>& devices);
     void printed(const std::string& file, const std::string& printer, const std::map<std::string, std::string>& options,
         bool forced);
+    // A print followed to its end.
+    void printedJob(const std::string& file, const std::string& printer,
+        const std::map<std::string, std::string>& options, bool forced, const PrintJob& job);
+    void jobs(const std::vector<PrintJob>& jobs);
+    void jobCanceled(uint32_t id);
+    void printerState(const std::string& printer, const PrinterState& state);
     void savedPrintersChanged(const std::vector<std::string>& printers);
     void accessiblePrintersChanged(const std::map<std::string, std::string>& devices);
 

@@ -28,6 +28,17 @@ void PrintServiceProxy::onAccessiblePrinters(AccessiblePrintersHandler handler)
     accessiblePrintersHandler_ = std::move(handler);
 }
 
+void PrintServiceProxy::onJob(JobHandler handler)
+{
+    jobHandler_ = std::move(handler);
+}
+
+void PrintServiceProxy::onJobChanged(const std::map<std::string, sdbus::Variant>& job)
+{
+    if (jobHandler_)
+        jobHandler_(job);
+}
+
 void PrintServiceProxy::onAccessiblePrintersChanged(const std::map<std::string, std::string>& printers)
 {
     if (accessiblePrintersHandler_)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ru/zorv/PrintJobs_proxy.h>
 #include <ru/zorv/PrinterManager_proxy.h>
 #include <ru/zorv/PrintingService_proxy.h>
 
@@ -10,12 +11,14 @@
 
 namespace Kestrel::Client {
 
-// Both interfaces of the print service's one object, with the two signals
-// handed to whoever asked for them.
-class PrintServiceProxy final
-    : public sdbus::ProxyInterfaces<ru::zorv::PrinterManager_proxy, ru::zorv::PrintingService_proxy>
+// The three interfaces of the print service's one object, with their
+// signals handed to whoever asked for them.
+class PrintServiceProxy final : public sdbus::ProxyInterfaces<ru::zorv::PrinterManager_proxy,
+                                    ru::zorv::PrintingService_proxy, ru::zorv::PrintJobs_proxy>
 {
 public:
+    using JobHandler = std::function<void(const std::map<std::string, sdbus::Variant>&)>;
+
     using SavedPrintersHandler = std::function<void(const std::vector<std::string>&)>;
     using AccessiblePrintersHandler = std::function<void(const std::map<std::string, std::string>&)>;
 
@@ -26,13 +29,17 @@ public:
     void ping();
     void onSavedPrinters(SavedPrintersHandler handler);
     void onAccessiblePrinters(AccessiblePrintersHandler handler);
+    void onJob(JobHandler handler);
 
 private:
     void onAccessiblePrintersChanged(const std::map<std::string, std::string>& printers) override;
     void onSavedPrintersChanged(const std::vector<std::string>& printers) override;
+    void onJobChanged(const std::map<std::string, sdbus::Variant>& job) override;
+    void onPrinterStateChanged(const std::string&, const std::map<std::string, sdbus::Variant>&) override { }
 
     SavedPrintersHandler savedPrintersHandler_;
     AccessiblePrintersHandler accessiblePrintersHandler_;
+    JobHandler jobHandler_;
 };
 
 } // namespace Kestrel::Client

@@ -135,9 +135,13 @@ bool CupsInterface::isStopped(std::string_view cupsName)
     CupsRequestHandler handler;
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
-        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-state"});
+        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
+                           {"printer-state", "printer-state-message"});
         handler.executeAdminRequest();
-        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"};
+        // The scheduler's own text for a pause asked for without a reason
+        // (cupsdisable); a backend that stops the queue leaves its own message.
+        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"} &&
+               handler.getText("printer-state-message") != "Paused";
     } catch (const std::exception&) {
         return false;
     }

@@ -16,7 +16,8 @@ public:
 
     virtual bool destinationExists(std::string_view cupsName);
     virtual DeviceMap getDevices();
-    // A queue the scheduler cannot be asked about counts as not stopped.
+    // Stopped by the scheduler itself, not paused by an administrator with
+    // cupsdisable; a queue the scheduler cannot be asked about counts as not stopped.
     virtual bool isStopped(std::string_view cupsName);
     virtual void resume(std::string_view cupsName);
 };

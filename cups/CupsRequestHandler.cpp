@@ -158,6 +158,18 @@ void CupsRequestHandler::connectRemote(std::string_view host, int port)
     connection.reset(http);
 }
 
+void CupsRequestHandler::connectPrinter(const std::string& host, int port, bool encrypted, int boundMs)
+{
+    const auto encryption = encrypted ? HTTP_ENCRYPTION_ALWAYS : HTTP_ENCRYPTION_IF_REQUESTED;
+    http_t* http = bounded(httpConnect2(host.c_str(), port, nullptr, AF_UNSPEC, encryption, 1, boundMs, nullptr),
+                           boundMs / 1000.0);
+    if (!http)
+        throw std::runtime_error("failed to establish connection with remote server.");
+    remoteHost = host;
+    remotePort = port;
+    connection.reset(http);
+}
+
 void CupsRequestHandler::prepareRequest(std::string printerName, ipp_op_t operation)
 {
     request.reset(ippNewRequest(operation));
@@ -217,6 +229,11 @@ void CupsRequestHandler::executePrintRequest()
     execute("/ipp/print", NoDocument);
 }
 
+void CupsRequestHandler::executeRequestAt(const std::string& resource)
+{
+    execute(resource.c_str(), NoDocument);
+}
+
 void CupsRequestHandler::executePrintFileRequest(int document)
 {
     execute("/ipp/print", document);
@@ -254,6 +271,24 @@ int CupsRequestHandler::getInteger(std::string_view name)
 {
     ipp_t* ipp = storedResponse(response);
     return ippGetInteger(ippFindAttribute(ipp, std::string(name).c_str(), IPP_TAG_INTEGER), 0);
+}
+
+std::vector<int> CupsRequestHandler::getIntegers(std::string_view name)
+{
+    ipp_t* ipp = storedResponse(response);
+    const std::string wanted(name);
+    std::vector<int> values;
+    for (ipp_attribute_t* attribute = ippFindAttribute(ipp, wanted.c_str(), IPP_TAG_INTEGER); attribute;
+         attribute = ippFindNextAttribute(ipp, wanted.c_str(), IPP_TAG_INTEGER))
+        values.push_back(ippGetInteger(attribute, 0));
+    return values;
+}
+
+std::string CupsRequestHandler::getText(std::string_view name)
+{
+    const char* text = ippGetString(ippFindAttribute(storedResponse(response), std::string(name).c_str(), IPP_TAG_TEXT),
+                                    0, nullptr);
+    return text ? text : "";
 }
 
 AttributeMap CupsRequestHandler::getAttributes(const std::unordered_set<std::string>& names)

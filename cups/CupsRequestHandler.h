@@ -42,6 +42,8 @@ public:
 
     virtual void connect();
     virtual void connectRemote(std::string_view host, int port);
+    // A printer that must answer within the bound, connection and every wait alike.
+    void connectPrinter(const std::string& host, int port, bool encrypted, int boundMs);
     virtual void prepareRequest(std::string printerName, ipp_op_t operation);
     virtual void newRequest(ipp_op_t operation);
 
@@ -53,11 +55,16 @@ public:
 
     virtual void executeAdminRequest();
     virtual void executePrintRequest();
+    void executeRequestAt(const std::string& resource);
     // Sends the request followed by the contents of the open document.
     virtual void executePrintFileRequest(int document);
 
     virtual void releaseResponse();
     virtual int getInteger(std::string_view name);
+    // Every value of the attribute in the response, across its groups.
+    virtual std::vector<int> getIntegers(std::string_view name);
+    // The first value of a text attribute; empty when there is none.
+    std::string getText(std::string_view name);
     virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
 
 private:

@@ -1,15 +1,20 @@
 #include "printing/PrintController.h"
 
 #include "cups/CupsInterface.h"
+#include "cups/CupsJobs.h"
 #include "cups/CupsRequestHandler.h"
 #include "printing/PrintOptions.h"
 #include "support/DatabaseManager.h"
 #include "support/Diagnostics.h"
+#include "support/JobStore.h"
 #include "support/SystemInterface.h"
 #include "support/UuidGenerator.h"
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
+#include <functional>
+#include <set>
 #include <stdexcept>
 
 namespace Kestrel::Private {
@@ -20,6 +25,11 @@ bool isAscii(const std::string& text)
 {
     return std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) & 0x80; });
 }
+
+struct Finally {
+    std::function<void()> run;
+    ~Finally() { run(); }
+};
 
 } // namespace
 
@@ -36,21 +46,72 @@ PrintController::PrintController(std::shared_ptr<CupsInterface> cups,
     : cups(std::move(cups))
     , system(std::move(system))
     , database(std::move(database))
+    , jobs(std::make_shared<CupsJobs>())
+    , store(std::make_shared<JobStore>())
 {
 }
 
-void PrintController::print(const CallerCredentials& caller, const std::string& path, const std::string& printer,
-                            const std::map<std::string, std::string>& parameters)
+int PrintController::print(const CallerCredentials& caller, const std::string& path, const std::string& printer,
+                           const std::map<std::string, std::string>& parameters)
 {
     auto copy = copyIfNotAscii(caller, path);
     const auto cupsName = database->getCupsName(printer);
 
     // Every check on the document is made here, before anything reaches CUPS.
     const auto document = copy ? std::move(*copy) : logFailures([&] { return system->openDocument(caller, path); });
+    reserveSlot(caller.uid);
+    const Finally release{[&] { releaseSlot(caller.uid); }};
     const int jobId = createJob(document, cupsName, parameters);
-    sendDocument(caller, document, cupsName, jobId);
+    try {
+        const auto name = std::filesystem::path(path).filename().string();
+        store->add({jobId, caller.uid, cupsName, printer, name, std::time(nullptr)});
+        sendDocument(caller, document, cupsName, jobId);
+    } catch (...) {
+        // A job without its document would wait in the scheduler for ever.
+        cancelQuietly(cupsName, jobId);
+        throw;
+    }
     // A submitted document does not outlive the call, whether the caller's or our copy.
     system->removeDocument(caller, document);
+    return jobId;
+}
+
+// Counted from the scheduler's own list, so jobs of earlier runs count too.
+// Taken under a lock and held until the job is in the store: however fast
+// the calls come, none slips past the limit.
+void PrintController::reserveSlot(uid_t owner)
+{
+    std::lock_guard<std::mutex> lock(slotMutex);
+    std::set<int> active;
+    try {
+        active = jobs->activeJobIds();
+    } catch (const std::exception&) {
+        // A scheduler that cannot be asked refuses the job itself, with its own message.
+    }
+    size_t count = starting[owner];
+    for (const auto& job : store->list(owner))
+        count += active.count(job.id);
+    if (count >= ActiveJobsPerCaller)
+        throw std::runtime_error("too many active print jobs: a user may have at most " +
+                                 std::to_string(ActiveJobsPerCaller) +
+                                 " jobs waiting or printing; wait for some to end or cancel them");
+    ++starting[owner];
+}
+
+void PrintController::releaseSlot(uid_t owner)
+{
+    std::lock_guard<std::mutex> lock(slotMutex);
+    if (--starting[owner] == 0)
+        starting.erase(owner);
+}
+
+void PrintController::cancelQuietly(const std::string& cupsName, int jobId)
+{
+    try {
+        jobs->cancel(cupsName, jobId);
+    } catch (const std::exception& error) {
+        logError("failed to cancel job " + std::to_string(jobId) + ": " + error.what());
+    }
 }
 
 std::optional<Document> PrintController::copyIfNotAscii(const CallerCredentials& caller, const std::string& path)
@@ -80,8 +141,8 @@ int PrintController::createJob(const Document& document, const std::string& cups
 
 // The scheduler stops a queue when its printer vanishes in the middle of a
 // document (the backend asks for it, whatever the error policy) and nothing
-// else restarts it. Resuming here also heals queues made before; the service
-// never pauses its queues, so a stopped one is the scheduler's doing.
+// else restarts it. Resuming here also heals queues made before; a queue an
+// administrator paused stays paused (isStopped).
 void PrintController::restartStoppedQueue(const std::string& cupsName)
 {
     if (!cups->isStopped(cupsName))

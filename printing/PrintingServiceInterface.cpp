@@ -5,8 +5,10 @@
 
 namespace Kestrel::Private {
 
-PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path)
+PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connection, std::string path,
+                                                   std::shared_ptr<PrintController> controller)
     : AdaptorInterfaces(connection, std::move(path))
+    , controller(std::move(controller))
 {
     registerAdaptor();
 }
@@ -37,12 +39,13 @@ void PrintingServiceInterface::print(sdbus::Result<>&& result, std::string path,
         // The document is handled with the rights of whoever sent this call;
         // the bus tells who only while the call is being dispatched.
         const auto& object = getObject();
-        caller = CallerCredentials::ofSender(object.getConnection(), object.getCurrentlyProcessedMessage()->getSender());
+        caller = CallerCredentials::ofSender(object.getConnection(),
+                                             object.getCurrentlyProcessedMessage()->getSender());
     } catch (const std::exception& error) {
         return result.returnError(sdbus::Error(errorName, error.what()));
     }
     PooledCall(prints, errorName).run(std::move(result), [this, caller, path, printer, parameters] {
-        controller.print(caller, path, printer, parameters);
+        controller->print(caller, path, printer, parameters);
     });
 }
 

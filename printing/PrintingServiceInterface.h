@@ -6,6 +6,7 @@
 #include <ru/zorv/PrintingService_adaptor.h>
 
 #include <chrono>
+#include <memory>
 #include <sdbus-c++/sdbus-c++.h>
 
 namespace Kestrel::Private {
@@ -14,7 +15,8 @@ namespace Kestrel::Private {
 // each with its own scheduler connection.
 class PrintingServiceInterface : public sdbus::AdaptorInterfaces<ru::zorv::PrintingService_adaptor> {
 public:
-    PrintingServiceInterface(sdbus::IConnection& connection, std::string path);
+    PrintingServiceInterface(sdbus::IConnection& connection, std::string path,
+                             std::shared_ptr<PrintController> controller);
     ~PrintingServiceInterface();
 
     // Takes no more prints and refuses the waiting ones.
@@ -26,7 +28,7 @@ private:
     void print(sdbus::Result<>&& result, std::string path, std::string printer,
                std::map<std::string, std::string> parameters) override;
 
-    PrintController controller;
+    std::shared_ptr<PrintController> controller;
     // Declared last, so its threads end before the controller goes.
     WorkerPool prints{3, 16};
 };

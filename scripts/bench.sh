@@ -17,6 +17,7 @@ if [ "${1:-}" = --in-world ]; then
         sleep 0.01
     done
     "$build/bench/memory-benchmark" fresh
+    "$build/bench/idle-benchmark"
     "$build/bench/bus-latency-benchmark"
     bash bench/silent-devices.sh 16
     # Word splitting of the count list is wanted.
@@ -41,7 +42,7 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
-    scan-benchmark memory-benchmark >/dev/null
+    scan-benchmark memory-benchmark idle-benchmark >/dev/null
 export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT

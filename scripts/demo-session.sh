@@ -212,6 +212,27 @@ note "Mistakes are explained, with the service's own words after them:"
 show_refusal 1 kestrel-print remove Nope
 show_refusal 1 kestrel-print --json attributes Nope
 
+note "Following a job: print --wait shows it until it ends (a live line on a terminal)."
+write_pdf letter.pdf 1
+show kestrel-print print letter.pdf --printer Office --wait
+grep -q 'completed' "$output" || fail "the followed job did not complete"
+show kestrel-print jobs --all
+show kestrel-print status Office
+grep -q '^Office: ready' "$output" || fail "Office is not ready"
+note "An administrator pauses the queue; a job waits there until its owner cancels it:"
+show cupsdisable "$queue"
+show kestrel-print status Office
+grep -q '^Office: stopped: paused' "$output" || fail "Office is not shown as paused"
+write_pdf memo.pdf 1
+show kestrel-print print memo.pdf --printer Office
+show kestrel-print jobs
+job=$(kestrel-print --json jobs | grep -o '"id":[0-9]*' | head -n 1 | cut -d : -f 2)
+[ -n "$job" ] || fail "the waiting job is not listed"
+show kestrel-print cancel "$job"
+show kestrel-print --json jobs --all
+grep -q '"state":"canceled"' "$output" || fail "the job was not canceled"
+show cupsenable "$queue"
+
 note "Rename and remove:"
 show kestrel-print rename Office "Front Desk"
 show kestrel-print list

@@ -7,12 +7,12 @@ packages=(
     # build
     build-essential cmake pkgconf
     libsdbus-c++-dev libsdbus-c++-bin libsystemd-dev
-    libcups2-dev libsqlitecpp-dev libsqlite3-dev libcurl4-openssl-dev libre2-dev
+    libcups2-dev libsqlitecpp-dev libsqlite3-dev libcurl4-openssl-dev libre2-dev libcap-ng-dev
     nlohmann-json3-dev libcli11-dev help2man libgtest-dev libgmock-dev libbenchmark-dev
     # test world and demo
     cups cups-client cups-daemon cups-filters cups-ipp-utils qpdf
     dbus-daemon dbus-bin systemd iproute2 util-linux avahi-daemon bash-completion
-    python3-pytest python3-dbus python3-gi python3-dbusmock
+    python3-pytest python3-dbus python3-gi python3-dbusmock strace
     # benchmarks (scripts/bench.sh: column)
     bsdextrautils
 )

@@ -28,7 +28,8 @@ run_suite() {
         status=1
     fi
     # The full output of every test, passed or not, lands in LastTest.log.
-    if grep -nE 'runtime error:|AddressSanitizer|LeakSanitizer|ThreadSanitizer' "$dir/Testing/Temporary/LastTest.log" "$summary"; then
+    local markers='runtime error:|AddressSanitizer|LeakSanitizer|ThreadSanitizer'
+    if grep -nE "$markers" "$dir/Testing/Temporary/LastTest.log" "$summary"; then
         echo "*** $dir: sanitizer report in the test output"
         status=1
     fi
@@ -42,7 +43,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 
 run_suite build . -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite build-asan . -DCMAKE_BUILD_TYPE=Debug -DKESTREL_SANITIZE=ON
-run_suite build-tsan 'world-(responsiveness|printers|printing|service)' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+run_suite build-tsan 'world-(responsiveness|printers|printing|service|jobs)' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKESTREL_SANITIZE=thread -DKESTREL_BUILD_BENCHMARKS=OFF
 
 if [ "$status" -ne 0 ]; then

@@ -1,6 +1,8 @@
 #include "manager/PrinterManagerInterface.h"
+#include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
 #include "support/CurlInterface.h"
+#include "support/Privileges.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -35,9 +37,14 @@ int main()
 
     const char* const busName = "ru.zorv.print";
     const char* const objectPath = "/ru/zorv/print";
+    // Before any call is served, whoever started the daemon.
+    Kestrel::Private::Privileges::keepOnlyIdentitySwitch();
     auto connection = sdbus::createSystemBusConnection(busName);
     Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
-    Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath);
+    // One print core for both printing interfaces: one job limit, one record of owners.
+    auto printer = std::make_shared<Kestrel::Private::PrintController>();
+    Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
+    Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer);
     connection->enterEventLoopAsync();
 
     int received = 0;
@@ -45,9 +52,11 @@ int main()
     // Calls still waiting are answered with an error; running ones may end.
     manager.refuseCalls();
     printing.refuseCalls();
+    jobs.refuseCalls();
     const auto deadline = std::chrono::steady_clock::now() + StopBound;
     const bool managerEnded = manager.finishCalls(deadline);
-    const bool allEnded = printing.finishCalls(deadline) && managerEnded;
+    const bool printingEnded = printing.finishCalls(deadline);
+    const bool allEnded = jobs.finishCalls(deadline) && printingEnded && managerEnded;
     connection->releaseName(busName);
     connection->leaveEventLoop();
     if (!allEnded) {

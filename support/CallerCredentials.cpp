@@ -2,9 +2,6 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <pwd.h>
-
-#include <algorithm>
 #include <map>
 #include <stdexcept>
 
@@ -15,23 +12,13 @@ namespace {
 // The kernel's stand-in for a group it cannot name ("nogroup").
 const gid_t OverflowGid = 65534;
 
-gid_t fileSystemGid(uid_t uid, const std::vector<gid_t>& groups)
-{
-    if (groups.empty())
-        return OverflowGid;
-    const passwd* account = ::getpwuid(uid);
-    if (account && std::count(groups.begin(), groups.end(), account->pw_gid))
-        return account->pw_gid;
-    return groups.front();
-}
-
 } // namespace
 
 CallerCredentials CallerCredentials::ofSender(sdbus::IConnection& connection, const std::string& sender)
 {
     // Asked of the bus daemon, which took them from the kernel when the
-    // sender connected. The primary gid is not among them, and reading it
-    // from /proc/PID would trust a process id that may have been reused.
+    // sender connected: its groups list the primary gid first, then the
+    // supplementary ones. /proc/PID would trust a pid that may be reused.
     auto bus = sdbus::createProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
     std::map<std::string, sdbus::Variant> credentials;
     bus->callMethod("GetConnectionCredentials")
@@ -49,7 +36,7 @@ CallerCredentials CallerCredentials::ofSender(sdbus::IConnection& connection, co
         for (uint32_t group : groups->second.get<std::vector<uint32_t>>())
             caller.groups.push_back(group);
     }
-    caller.gid = fileSystemGid(caller.uid, caller.groups);
+    caller.gid = caller.groups.empty() ? OverflowGid : caller.groups.front();
     return caller;
 }
 

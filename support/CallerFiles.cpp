@@ -1,6 +1,7 @@
 #include "support/CallerFiles.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/sendfile.h>
@@ -96,8 +97,21 @@ private:
     int fd;
 };
 
+// Resolves a caller's path without /proc magic links: /proc/PID/cwd, /root
+// and /fd/N lead wherever that process is, which the caller's own rights
+// would not reach (and /proc/self is the daemon). Ordinary symlinks stay.
+int openWithoutMagicLinks(int directory, const char* path, int flags)
+{
+    open_how how{};
+    how.flags = static_cast<__u64>(flags);
+    how.resolve = RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how));
+}
+
 std::runtime_error openFailure(const std::string& path, int error)
 {
+    if (error == ELOOP)
+        return std::runtime_error("file " + path + " is reached through a /proc link or a symlink loop");
     if (error == ENOENT)
         return std::runtime_error("file " + path + " doesn't exist.");
     if (error == EACCES || error == EPERM)
@@ -150,11 +164,11 @@ Document CallerFiles::open(const std::string& path) const
         const auto parent = location.has_parent_path() ? location.parent_path().string() : ".";
         // A path ending in "/" names the directory itself.
         const auto name = location.has_filename() ? location.filename().string() : ".";
-        Descriptor directory(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        Descriptor directory(openWithoutMagicLinks(AT_FDCWD, parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (directory.get() < 0)
             throw openFailure(path, errno);
         // O_PATH opens without reading: a FIFO or a device is never opened for real.
-        const Descriptor found(::openat(directory.get(), name.c_str(), O_PATH | O_CLOEXEC));
+        const Descriptor found(openWithoutMagicLinks(directory.get(), name.c_str(), O_PATH | O_CLOEXEC));
         if (found.get() < 0)
             throw openFailure(path, errno);
         struct stat status {};

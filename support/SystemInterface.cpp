@@ -3,13 +3,26 @@
 #include "support/CallerFiles.h"
 
 #include <filesystem>
+#include <grp.h>
 #include <pwd.h>
+#include <vector>
 
 namespace Kestrel::Private {
 
 bool SystemInterface::userExists(const std::string& name)
 {
     return getpwnam(name.c_str()) != nullptr;
+}
+
+std::optional<gid_t> SystemInterface::groupId(const std::string& name)
+{
+    // Workers ask side by side: the reentrant form.
+    group entry{};
+    group* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found)
+        return std::nullopt;
+    return found->gr_gid;
 }
 
 bool SystemInterface::fileExists(const std::string& path)

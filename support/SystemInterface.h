@@ -3,7 +3,9 @@
 #include "support/CallerCredentials.h"
 #include "support/Document.h"
 
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace Kestrel::Private {
 
@@ -15,6 +17,7 @@ public:
 
     virtual bool userExists(const std::string& name);
     virtual bool fileExists(const std::string& path);
+    virtual std::optional<gid_t> groupId(const std::string& name);
 
     // A PDF the caller may read and, afterwards, remove.
     virtual Document openDocument(const CallerCredentials& caller, const std::string& path);

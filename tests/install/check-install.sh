@@ -24,12 +24,13 @@ completion=$datadir/bash-completion/completions/kestrel-print
 [ -x "$stage$sbindir/kestrel-printd" ] || fail "$sbindir/kestrel-printd is not installed as an executable"
 "$stage$bindir/kestrel-print" --help >/dev/null || fail "the installed client does not run"
 cmp -s "$source/service/ru.zorv.print.conf" "$stage$policy" || fail "$policy differs from the source"
-for iface in PrinterManager PrintingService; do
+for iface in PrinterManager PrintingService PrintJobs; do
     cmp -s "$source/interfaces/ru.zorv.$iface.xml" "$stage$datadir/dbus-1/interfaces/ru.zorv.$iface.xml" \
         || fail "ru.zorv.$iface.xml is not installed as in the source"
 done
 
 grep -q '^\.TH KESTREL-PRINT "1"' "$stage$manual" 2>/dev/null && grep -q 'orientation\\-requested' "$stage$manual" \
+    && grep -q 'Command status' "$stage$manual" \
     || fail "$manual is missing or does not describe every command"
 # What bash offers for the last word of a command line, through the staged
 # script (compopt works only inside a real completion).
@@ -38,7 +39,8 @@ completions() {
         COMP_LINE=$2 COMP_POINT=${#2} && read -ra COMP_WORDS <<<"$2" && COMP_CWORD=$((${#COMP_WORDS[@]} - 1)) &&
         _kestrel_print && echo "${COMPREPLY[*]}"' - "$stage$completion" "$1"
 }
-[ "$(completions "kestrel-print pr")" = print ] || fail "$completion does not complete the commands"
+[ "$(completions "kestrel-print pr")" = print ] && [ "$(completions "kestrel-print st")" = status ] \
+    || fail "$completion does not complete the commands"
 [ "$(completions "kestrel-print print a.pdf -o si")" = sides= ] || fail "$completion does not complete print options"
 
 # Lines the daemon needs at run time whose loss neither systemd-analyze nor the bus checks below notice.

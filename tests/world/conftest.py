@@ -20,6 +20,7 @@ BUS_NAME = "ru.zorv.print"
 OBJECT_PATH = "/ru/zorv/print"
 MANAGER = "ru.zorv.PrinterManager"
 PRINTING = "ru.zorv.PrintingService"
+JOBS = "ru.zorv.PrintJobs"
 NOBODY = 65534
 WORLD = Path(os.environ.get("KESTREL_WORLD_DIR", "/nonexistent"))
 SPOOL = Path(os.environ.get("KESTREL_PRINTER_SPOOL", "/nonexistent"))
@@ -103,8 +104,9 @@ def manager(method, *args, **kwargs):
     return call(MANAGER, method, *args, **kwargs)
 
 
-def print_document(path, printer, options=None, **kwargs):
-    return call(PRINTING, "print", str(path), printer, dbus.Dictionary(options or {}, signature="ss"), **kwargs)
+def print_document(path, printer, options=None, interface=PRINTING, **kwargs):
+    method = "submit" if interface == JOBS else "print"
+    return call(interface, method, str(path), printer, dbus.Dictionary(options or {}, signature="ss"), **kwargs)
 
 
 def error_of(function, *args, **kwargs):

@@ -89,9 +89,10 @@ if [ -n "${KESTREL_DAEMON:-}" ]; then
     cat >"$launcher" <<LAUNCHER
 #!/bin/sh
 export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}' TSAN_OPTIONS='${TSAN_OPTIONS:-}'
-# A test may point the next daemon elsewhere, e.g. CUPS_SERVER at a recorder.
+# A test may point the next daemon elsewhere, e.g. CUPS_SERVER at a recorder,
+# or start it through a wrapper (KESTREL_DAEMON_WRAPPER).
 [ -f '$KESTREL_WORLD_DIR/daemon.env' ] && . '$KESTREL_WORLD_DIR/daemon.env'
-exec $wrapper '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
+exec \${KESTREL_DAEMON_WRAPPER:-} $wrapper '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
 LAUNCHER
     chmod 0755 "$launcher"
     printf '[D-BUS Service]\nName=ru.zorv.print\nExec=%s\nUser=root\n' "$launcher" \

@@ -4,10 +4,14 @@ import grp
 import os
 import re
 import stat
+import subprocess
 import time
+from pathlib import Path
 
-from conftest import (NOBODY, PRINTER_URI, REGISTRY, error_of, manager, print_document, printed_documents, shell,
-                      wait_for, write_pdf)
+import pytest
+
+from conftest import (DAEMON_ENV, JOBS, NOBODY, PRINTER_URI, REGISTRY, daemon_pid, error_of, manager, print_document,
+                      printed_documents, shell, wait_for, write_pdf)
 
 LP = grp.getgrnam("lp").gr_gid
 
@@ -57,6 +61,10 @@ def test_documents_the_caller_may_not_read_or_remove_or_that_are_no_pdf_are_refu
         assert time.monotonic() - started < 1.0, path
         assert (error.name, re.sub("[0-9a-f-]{36}", "UUID", error.message)) == \
             ("ru.zorv.PrintingService.Error", expected.format(path=path))
+        # The same refusals, under the other interface's name.
+        refused = error_of(print_document, path, office, user=NOBODY, interface=JOBS)
+        assert (refused.name, re.sub("[0-9a-f-]{36}", "UUID", refused.message)) == \
+            (JOBS + ".Error", expected.format(path=path))
         assert os.path.lexists(path)
     started = time.monotonic()
     assert manager("getSavedPrinters") == [office] and time.monotonic() - started < 1.0
@@ -76,3 +84,34 @@ def test_any_user_may_list_and_inspect_printers_but_only_administrators_change_t
                          ("renamePrinter", (office, "Lab")), ("scan", ())]:
         assert error_of(manager, method, *args, user=NOBODY).name == "org.freedesktop.DBus.Error.AccessDenied", method
     assert manager("getSavedPrinters") == [office]
+
+
+# Root with nothing but the bounding set the unit grants, as systemd starts it.
+UNIT_START = "setpriv --inh-caps=-all --bounding-set=-all,+setuid,+setgid"
+
+
+@pytest.mark.parametrize("start", ["", UNIT_START], ids=["as plain root", "under the unit's bounding set"])
+def test_the_daemon_keeps_only_the_identity_switch_and_follows_no_proc_link_for_a_caller(system_log, documents, start):
+    DAEMON_ENV.write_text(f"KESTREL_DAEMON_WRAPPER='{start}'\n")
+    manager("addPrinter", PRINTER_URI, "Office", [])
+    status = Path(f"/proc/{daemon_pid()}/status").read_text().splitlines()
+    switch = 1 << 6 | 1 << 7  # CAP_SETGID, CAP_SETUID
+    assert {line[:6]: int(line.split()[1], 16) for line in status if line.startswith("Cap")} == \
+        {"CapInh": 0, "CapPrm": switch, "CapEff": switch, "CapBnd": switch, "CapAmb": 0}
+    # Another user's file that only a root process's working directory leads to.
+    inner = made(made(documents / "root-only", 0o700, content="dir") / "inner", 0o777, content="dir")
+    target = made(inner / "x.pdf", 0o644, owner=1)
+    mine = made(documents / "mine", 0o755, NOBODY, NOBODY, "dir")
+    (mine / "fd.pdf").symlink_to("/proc/self/fd/3")
+    with subprocess.Popen(["sleep", "60"], cwd=inner) as holder:
+        try:
+            # The kernel refuses another process's links to a caller without CAP_SYS_PTRACE, and the
+            # daemon's own (/proc/self) to everyone.
+            for path, expected in [(f"/proc/{holder.pid}/cwd/x.pdf", "permission denied: {}"),
+                                   (f"/proc/{holder.pid}/root{target}", "permission denied: {}"),
+                                   (mine / "fd.pdf", "file {} is reached through a /proc link or a symlink loop")]:
+                assert error_of(print_document, path, "Office", user=NOBODY, timeout=5).message == \
+                    expected.format(path)
+        finally:
+            holder.kill()
+    assert target.exists() and os.path.lexists(mine / "fd.pdf") and printed_documents() == []

@@ -142,10 +142,15 @@ def test_watch_prints_one_line_per_signal_until_interrupted(office):
     assert found["signal"] == "accessiblePrintersChanged" and isinstance(found["devices"], list)
 
 
-def test_scan_shows_its_wait_on_a_terminal_and_gives_up_after_its_timeout(system_log):
+def test_scan_shows_its_wait_on_a_terminal_gives_up_after_its_timeout_and_exits_130_when_interrupted(system_log):
     slow = Path("/usr/lib/cups/backend/kestrel-slow")
     slow.write_text("#!/bin/sh\n[ $# -eq 0 ] || exit 1\nsleep 3\n")
     slow.chmod(0o755)
+    # Interrupted while the discovery runs: the shell's status for SIGINT.
+    interrupted = subprocess.Popen([CLIENT, "scan"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    assert wait_for(lambda: "kestrel-slow" in shell("ps -eo args"))
+    interrupted.send_signal(signal.SIGINT)
+    assert interrupted.wait(timeout=30) == 130
     terminal, errors = pty.openpty()
     shown = b""
     try:
@@ -181,3 +186,23 @@ def test_wrong_usage_exits_with_two_and_help_documents_the_statuses():
     options = "copies fit-to-page media orientation-requested outputorder page-ranges print-color-mode sides"
     assert all(f"\n  {option}=" in printing for option in options.split())
     assert "DELETES FILE" in printing and client("--version").stdout.startswith("kestrel-print ")
+
+
+def test_print_wait_follows_the_job_and_jobs_status_and_cancel_speak_of_it(office, documents):
+    done = client("--json", "print", str(write_pdf(documents / "report.pdf")), "--printer", office, "--wait")
+    job = json.loads(done.stdout)["job"]
+    assert (done.returncode, job["state"], job["document"]) == (0, "completed", "report.pdf")
+    assert json.loads(client("--json", "jobs", "--all").stdout)["jobs"] == [job]
+    assert (client("jobs").stderr, client("status", office).stdout.splitlines()[0]) == ("No print jobs.\n",
+                                                                                      "Office: ready")
+    shell(f"cupsdisable '{queues()[0]}'")
+    assert client("status", office).stdout.startswith("Office: stopped: paused")
+    held = write_pdf(documents / "held.pdf")
+    waiting = subprocess.Popen([CLIENT, "print", str(held), "-p", office, "--wait"], stderr=subprocess.PIPE, text=True)
+    assert wait_for(lambda: not held.exists())
+    (pending,) = json.loads(client("--json", "jobs").stdout)["jobs"]
+    assert client("cancel", str(pending["id"])).returncode == 0
+    assert waiting.wait(timeout=30) == 1 and f"job {pending['id']} on printer \"Office\" ended canceled" in \
+        waiting.communicate()[1]
+    assert failure("cancel", str(pending["id"]))["kind"] == "job_ended"
+    assert failure("cancel", "9999", user=NOBODY)["kind"] == "unknown_job"

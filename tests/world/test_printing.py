@@ -1,9 +1,10 @@
 """Printing over the bus, as root: what reaches the simulated printer and what stays on disk."""
+import os
 import threading
 
 import pytest
 
-from conftest import (PRINTER_URI, error_of, manager, pdf_pages, print_document, printed_documents, shell, wait_for,
+from conftest import (PRINTER_URI, daemon_pid, error_of, manager, pdf_pages, print_document, printed_documents, shell, wait_for,
                       write_pdf)
 
 SUPPORTED = ("copies", "fit-to-page", "media", "orientation-requested", "outputorder", "page-ranges",
@@ -52,7 +53,7 @@ def test_refused_jobs_explain_themselves_and_keep_the_callers_files(office, docu
     assert printed_documents() == []
 
 
-def test_ten_clients_printing_at_once_all_get_through(office, documents):
+def test_ten_clients_printing_at_once_all_get_through_and_leave_no_descriptor_open(office, documents):
     failures = []
 
     def submit(index):
@@ -61,11 +62,20 @@ def test_ten_clients_printing_at_once_all_get_through(office, documents):
         except Exception as error:  # noqa: BLE001 - any failure is the finding
             failures.append(repr(error))
 
-    threads = [threading.Thread(target=submit, args=(i,)) for i in range(10)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert failures == []
+    def burst(first):
+        threads = [threading.Thread(target=submit, args=(i,)) for i in range(first, first + 10)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+
+    def descriptors():
+        return len(os.listdir(f"/proc/{daemon_pid()}/fd"))
+
+    burst(0)
     assert wait_for(lambda: len(printed_documents()) >= 10, timeout=120), shell("lpstat -o -p; tail -n 30 /var/log/cups/error_log")
     assert sorted(pdf_pages(p) for p in printed_documents()) == sorted(1 + i % 3 for i in range(10))
+    opened = descriptors()
+    for first in (10, 20, 30):
+        burst(first)
+    assert failures == [] and descriptors() <= opened

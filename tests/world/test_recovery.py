@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from conftest import (PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, error_of, manager, print_document, printed_documents,
+from conftest import (DAEMON_ENV, PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, error_of, manager, print_document, printed_documents,
                       queues, shell, start_printer, wait_for, write_pdf)
 
 
@@ -63,6 +63,16 @@ def test_registry_with_tables_but_no_version_row_answers_again_within_two_starts
     write_registry(version_row=False)
     error_of(manager, "getSavedPrinters")
     assert f"failed to remove the invalid database{REGISTRY}" in daemon_log()
+    assert manager("getSavedPrinters") == []
+
+
+def test_a_first_start_killed_before_its_registry_is_committed_leaves_a_next_start_that_answers(system_log):
+    # Killed at its first touch of a registry journal: the file exists, its schema is not committed.
+    journals = " ".join(f"-P {REGISTRY}{suffix}-journal" for suffix in ("", ".new"))
+    kill = f"strace -f -o /dev/null {journals} -e trace=openat -e inject=openat:signal=KILL"
+    DAEMON_ENV.write_text(f"KESTREL_DAEMON_WRAPPER='{kill}'\n")
+    error_of(manager, "getSavedPrinters")
+    DAEMON_ENV.unlink()
     assert manager("getSavedPrinters") == []
 
 

@@ -128,8 +128,8 @@ def test_changes_from_eight_clients_at_once_each_get_an_answer_and_one_signal_ea
     outcomes = []
 
     def client(i):
-        for method, args in [("addPrinter", (PRINTER_URI, f"P{i % 4}", [])), ("renamePrinter", (f"P{i % 4}", f"R{i % 3}")),
-                             ("removePrinter", (f"R{i % 3}",))]:
+        for method, args in [("addPrinter", (PRINTER_URI, f"P{i % 4}", [])),
+                             ("renamePrinter", (f"P{i % 4}", f"R{i % 3}")), ("removePrinter", (f"R{i % 3}",))]:
             try:
                 outcomes.append((method, manager(method, *args, private=True)))
             except BusError as error:

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Kestrel::Private {
+
+// A job as the scheduler sees it now.
+struct JobStatus {
+    std::string state;
+    std::vector<std::string> reasons;
+    uint32_t pages = 0;
+};
+
+// A queue, or the printer behind it, as it reports itself now.
+struct PrinterStatus {
+    std::string state;
+    std::vector<std::string> reasons;
+    std::string message;
+    bool accepting = false;
+    std::string deviceUri;
+
+    bool operator==(const PrinterStatus& other) const;
+    bool operator!=(const PrinterStatus& other) const { return !(*this == other); }
+};
+
+// Jobs and printer states through IPP; every call makes its own request
+// handler, so any thread may call it.
+class CupsJobs {
+public:
+    virtual ~CupsJobs() = default;
+
+    // The ids of every job the scheduler has not ended.
+    virtual std::set<int> activeJobIds();
+    // Throws when the scheduler no longer knows the job.
+    virtual JobStatus jobStatus(const std::string& queue, int id);
+    virtual void cancel(const std::string& queue, int id);
+    virtual PrinterStatus queueStatus(const std::string& queue);
+    // Asks an IPP printer itself, within a few seconds; a printer that
+    // does not answer in time reads "offline".
+    virtual PrinterStatus deviceStatus(const std::string& uri);
+};
+
+} // namespace Kestrel::Private

@@ -1,0 +1,143 @@
+#include "printing/PrintJobsInterface.h"
+
+#include "service/PooledCall.h"
+#include "support/CallerCredentials.h"
+
+namespace Kestrel::Private {
+
+namespace {
+
+const char* const Interface = "ru.zorv.PrintJobs";
+const char* const ErrorName = "ru.zorv.PrintJobs.Error";
+constexpr size_t JobThreads = 2;
+constexpr size_t JobBacklog = 64;
+constexpr size_t PrinterThreads = 2;
+constexpr size_t PrinterBacklog = 16;
+
+std::map<std::string, sdbus::Variant> dictionary(const Job& job)
+{
+    return {{"id", sdbus::Variant(static_cast<uint32_t>(job.record.id))},
+            {"printer", sdbus::Variant(job.record.printer)},
+            {"document", sdbus::Variant(job.record.document)},
+            {"state", sdbus::Variant(job.status.state)},
+            {"reasons", sdbus::Variant(job.status.reasons)},
+            {"pages", sdbus::Variant(job.status.pages)},
+            {"created", sdbus::Variant(job.record.created)}};
+}
+
+std::map<std::string, sdbus::Variant> dictionary(const PrinterStatus& state)
+{
+    return {{"state", sdbus::Variant(state.state)},
+            {"reasons", sdbus::Variant(state.reasons)},
+            {"message", sdbus::Variant(state.message)},
+            {"accepting", sdbus::Variant(state.accepting)}};
+}
+
+} // namespace
+
+PrintJobsInterface::PrintJobsInterface(sdbus::IConnection& connection, std::string path,
+                                       std::shared_ptr<PrintController> printing)
+    : AdaptorInterfaces(connection, std::move(path))
+    , controller(std::make_shared<JobController>(std::move(printing)))
+    , watcher(controller,
+              [this](const std::string& connection, const Job& job) { emitJobChanged(connection, job); },
+              [this](const std::string& printer, const PrinterStatus& state) { emitPrinterChanged(printer, state); })
+    , jobWorkers(JobThreads, JobBacklog)
+    , printerWorkers(PrinterThreads, PrinterBacklog)
+{
+    registerAdaptor();
+}
+
+PrintJobsInterface::~PrintJobsInterface()
+{
+    refuseCalls();
+    finishCalls(std::chrono::steady_clock::time_point::max());
+    unregisterAdaptor();
+}
+
+void PrintJobsInterface::refuseCalls()
+{
+    const auto now = std::chrono::steady_clock::now();
+    jobWorkers.stop(now);
+    printerWorkers.stop(now);
+}
+
+bool PrintJobsInterface::finishCalls(std::chrono::steady_clock::time_point deadline)
+{
+    const bool jobsEnded = jobWorkers.stop(deadline);
+    return printerWorkers.stop(deadline) && jobsEnded;
+}
+
+// Read on the bus thread, while the call is the one being processed; the
+// bus library answers only its own error type for a handler that throws.
+CallerCredentials PrintJobsInterface::caller()
+{
+    const auto& object = getObject();
+    try {
+        return CallerCredentials::ofSender(object.getConnection(), object.getCurrentlyProcessedMessage()->getSender());
+    } catch (const std::exception& error) {
+        throw sdbus::Error(ErrorName, error.what());
+    }
+}
+
+void PrintJobsInterface::submit(sdbus::Result<uint32_t>&& result, std::string path, std::string printer,
+                                std::map<std::string, std::string> parameters)
+{
+    const auto sender = getObject().getCurrentlyProcessedMessage()->getSender();
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), sender, path, printer, parameters] {
+        const int id = controller->submit(who, path, printer, parameters);
+        watcher.follow(id, sender);
+        return static_cast<uint32_t>(id);
+    });
+}
+
+void PrintJobsInterface::getJobs(sdbus::Result<std::vector<Dictionary>>&& result)
+{
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller()] {
+        std::vector<Dictionary> jobs;
+        for (const auto& job : controller->jobs(who))
+            jobs.push_back(dictionary(job));
+        return jobs;
+    });
+}
+
+void PrintJobsInterface::getJob(sdbus::Result<Dictionary>&& result, uint32_t job)
+{
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), job] {
+        return dictionary(controller->job(who, static_cast<int>(job)));
+    });
+}
+
+void PrintJobsInterface::cancelJob(sdbus::Result<>&& result, uint32_t job)
+{
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), job] {
+        controller->cancel(who, static_cast<int>(job));
+    });
+}
+
+void PrintJobsInterface::getPrinterState(sdbus::Result<Dictionary>&& result, std::string printer)
+{
+    PooledCall(printerWorkers, ErrorName).run(std::move(result), [this, printer] {
+        const auto [state, changed] = controller->printerState(printer);
+        if (changed)
+            emitPrinterChanged(printer, state);
+        return dictionary(state);
+    });
+}
+
+// Only the connection that submitted the job hears of it.
+void PrintJobsInterface::emitJobChanged(const std::string& connection, const Job& job)
+{
+    auto& object = getObject();
+    auto signal = object.createSignal(Interface, "jobChanged");
+    signal << dictionary(job);
+    signal.setDestination(connection);
+    object.emitSignal(signal);
+}
+
+void PrintJobsInterface::emitPrinterChanged(const std::string& printer, const PrinterStatus& state)
+{
+    emitPrinterStateChanged(printer, dictionary(state));
+}
+
+} // namespace Kestrel::Private
