@@ -1,16 +1,211 @@
 // Per-call latency of getSavedPrinters against a bare Peer.Ping on the same
-// object, at 0, 100, 1,000 and 10,000 saved printers.
+// object, at 0, 100, 1,000 and 10,000 saved printers; then the latency of
+// getSavedPrinters and getPrinterAttributes while another client waits on a
+// silent printer, a huge document, a frozen scheduler or a silent system
+// log, against the same calls on an idle service; and getPrinterAttributes
+// throughput with 1, 4 and 16 clients.
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"
 #include "support/DatabaseManager.h"
 #include "support/UuidGenerator.h"
 
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
 
 using namespace Kestrel::Bench;
 using Kestrel::Private::DatabaseManager;
 using Kestrel::Private::UuidGenerator;
+
+namespace {
+
+constexpr int Rounds = 20;
+
+std::string world(const std::string& name)
+{
+    return std::string(std::getenv("KESTREL_WORLD_DIR")) + "/" + name;
+}
+
+pid_t pidIn(const std::string& file)
+{
+    pid_t pid = 0;
+    std::ifstream(world(file)) >> pid;
+    return pid;
+}
+
+struct Latency {
+    double median;
+    double worst;
+};
+
+// A call that fails (a service that kept it past the bus's time-out) counts with the time it took.
+Latency latency(const std::function<void()>& call)
+{
+    const auto samples = Measure::samplesMilliseconds(Rounds, [&] {
+        try {
+            call();
+        } catch (const std::exception&) {
+        }
+    });
+    return {Measure::median(samples), *std::max_element(samples.begin(), samples.end())};
+}
+
+// Another client's call runs on its own connection while the figures are taken.
+class Meanwhile {
+public:
+    explicit Meanwhile(std::function<void(ServiceClient&)> call)
+        : thread([call] {
+            ServiceClient other;
+            try {
+                call(other);
+            } catch (const std::exception&) {
+                // Failing is what some of these calls do; only the others' latency counts.
+            }
+        })
+    {
+        // Time for the call to reach the service and start waiting.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
+    ~Meanwhile() { thread.join(); }
+
+private:
+    std::thread thread;
+};
+
+// A printer that accepts connections and never answers, on the simulated printer's port.
+class SilentPrinter {
+public:
+    SilentPrinter()
+    {
+        ::kill(pidIn("ippeveprinter.pid"), SIGTERM);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(631);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        for (int attempt = 0; attempt < 500 && listener < 0; ++attempt) {
+            int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+            const int yes = 1;
+            ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+            if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && ::listen(fd, 64) == 0) {
+                listener = fd;
+                break;
+            }
+            ::close(fd);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ~SilentPrinter()
+    {
+        ::close(listener);
+        std::system("(\"$KESTREL_PRINTER_START\" &) ; for i in $(seq 500); do"
+                    " bash -c ': </dev/tcp/127.0.0.1/631' 2>/dev/null && break; sleep 0.01; done");
+    }
+
+private:
+    int listener = -1;
+};
+
+// SIGSTOP until the end of the scope.
+class Frozen {
+public:
+    explicit Frozen(pid_t pid)
+        : pid(pid)
+    {
+        ::kill(pid, SIGSTOP);
+    }
+    ~Frozen() { ::kill(pid, SIGCONT); }
+
+private:
+    pid_t pid;
+};
+
+void reportLatency(ServiceClient& client, const std::string& condition, const Latency& idleList,
+                   const Latency* idleAttributes)
+{
+    const auto list = latency([&] { client.savedPrinters(); });
+    Measure::report("getSavedPrinters median, " + condition, list.median, "idle median", idleList.median);
+    Measure::report("getSavedPrinters worst, " + condition, list.worst, "idle worst", idleList.worst);
+    if (!idleAttributes)
+        return;
+    const auto attributes = latency([&] { client.printerAttributes("Office"); });
+    Measure::report("getPrinterAttributes median, " + condition, attributes.median, "idle median",
+                    idleAttributes->median);
+    Measure::report("getPrinterAttributes worst, " + condition, attributes.worst, "idle worst", idleAttributes->worst);
+}
+
+// Calls per second of `clients` clients asking at once for two seconds.
+double throughput(int clients)
+{
+    std::atomic<long> calls{0};
+    std::vector<std::thread> threads;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&] {
+            ServiceClient client;
+            while (std::chrono::steady_clock::now() < end) {
+                client.printerAttributes("Office");
+                ++calls;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    return calls / 2.0;
+}
+
+void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
+{
+    registry.clear();
+    const std::string printer = std::getenv("KESTREL_PRINTER_URI");
+    client.addPrinter(printer, "Office");
+    const auto idleList = latency([&] { client.savedPrinters(); });
+    const auto idleAttributes = latency([&] { client.printerAttributes("Office"); });
+    {
+        SilentPrinter silent;
+        Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Silent"); });
+        reportLatency(client, "(a) beside an add of a silent printer", idleList, &idleAttributes);
+    }
+    {
+        // Sparse, and non-ASCII, so the service copies it before sending.
+        const auto document = world("доклад.pdf");
+        std::ofstream(document) << "%PDF-1.4\n";
+        ::truncate(document.c_str(), 300L << 20);
+        Meanwhile printing([&](ServiceClient& other) { other.print(document, "Office"); });
+        reportLatency(client, "(b) beside a print of 300 MB", idleList, &idleAttributes);
+        ::unlink(document.c_str());
+    }
+    // Its filters would take minutes over 300 MB, holding up the jobs of later benchmarks.
+    std::system("cancel -a -x >/dev/null 2>&1");
+    {
+        Frozen scheduler(pidIn("cupsd.pid"));
+        Meanwhile asking([&](ServiceClient& other) { other.printerAttributes("Office"); });
+        reportLatency(client, "(c) beside a call on a frozen scheduler", idleList, nullptr);
+    }
+    {
+        Frozen log(client.ownerPid("ru.quentis.SystemLogs"));
+        Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Logged"); });
+        reportLatency(client, "(d) beside an add with a silent system log", idleList, &idleAttributes);
+    }
+    const double single = throughput(1);
+    for (int clients : {1, 4, 16})
+        Measure::report("getPrinterAttributes, " + std::to_string(clients) + " clients", throughput(clients),
+                        "1 client", single, "calls/s");
+}
+
+} // namespace
 
 int main()
 {
@@ -31,6 +226,7 @@ int main()
         const double ping = Measure::medianMilliseconds(rounds, [&] { client.ping(); });
         Measure::report("getSavedPrinters, " + std::to_string(count) + " saved", list, "Peer.Ping", ping);
     }
+    measureSideBySide(client, registry);
     registry.clear();
     return 0;
 }

@@ -24,10 +24,15 @@ double Measure::median(std::vector<double> samples)
 
 double Measure::medianMilliseconds(int rounds, const std::function<void()>& body)
 {
+    return median(samplesMilliseconds(rounds, body));
+}
+
+std::vector<double> Measure::samplesMilliseconds(int rounds, const std::function<void()>& body)
+{
     std::vector<double> samples;
     for (int round = 0; round < rounds; ++round)
         samples.push_back(milliseconds(body));
-    return median(samples);
+    return samples;
 }
 
 void Measure::report(const std::string& figure, double value, const std::string& anchor, double anchorValue,

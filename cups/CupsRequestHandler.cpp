@@ -115,6 +115,11 @@ std::string cupsErrorText()
     return text ? text : "";
 }
 
+CupsRequestHandler& CupsRequestHandler::ofThisThread()
+{
+    thread_local CupsRequestHandler handler;
+    return handler;
+}
 
 CupsRequestHandler::~CupsRequestHandler()
 {

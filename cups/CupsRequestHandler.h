@@ -36,6 +36,10 @@ public:
     CupsRequestHandler& operator=(const CupsRequestHandler&) = delete;
     virtual ~CupsRequestHandler();
 
+    // The calling thread's own handler: libcups keeps its connection state
+    // and last error per thread, so no handler is shared between threads.
+    static CupsRequestHandler& ofThisThread();
+
     virtual void connect();
     virtual void connectRemote(std::string_view host, int port);
     // A printer that must answer within the bound, connection and every wait alike.

@@ -41,8 +41,7 @@ std::string notFoundMessage(const std::string& name, const std::string& cupsName
 } // namespace
 
 PrinterController::PrinterController()
-    : PrinterController(std::make_shared<CupsRequestHandler>(),
-                        std::make_shared<CupsInterface>(),
+    : PrinterController(std::make_shared<CupsInterface>(),
                         std::make_shared<CurlInterface>(),
                         std::make_shared<SystemInterface>(),
                         std::make_shared<SystemLogger>(),
@@ -50,14 +49,12 @@ PrinterController::PrinterController()
 {
 }
 
-PrinterController::PrinterController(std::shared_ptr<CupsRequestHandler> requestHandler,
-                                     std::shared_ptr<CupsInterface> cups,
+PrinterController::PrinterController(std::shared_ptr<CupsInterface> cups,
                                      std::shared_ptr<CurlInterface> curl,
                                      std::shared_ptr<SystemInterface> system,
                                      std::shared_ptr<SystemLogger> logger,
                                      std::shared_ptr<DatabaseManager> database)
-    : requestHandler(std::move(requestHandler))
-    , cups(std::move(cups))
+    : cups(std::move(cups))
     , curl(std::move(curl))
     , system(std::move(system))
     , logger(std::move(logger))
@@ -68,6 +65,7 @@ PrinterController::PrinterController(std::shared_ptr<CupsRequestHandler> request
 void PrinterController::addPrinter(const std::string& uri, const std::string& name,
                                    const std::vector<std::string>& users)
 {
+    auto& requestHandler = CupsRequestHandler::ofThisThread();
     logFailures([&] {
         const auto cupsName = UuidGenerator::generate();
         const Uri parsed(uri, curl);
@@ -76,21 +74,21 @@ void PrinterController::addPrinter(const std::string& uri, const std::string& na
                 throw std::runtime_error("user " + user + " doesn't exists");
         }
 
-        requestHandler->connect();
-        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
-        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_URI, "device-uri", uri);
-        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "printer-name", cupsName);
+        requestHandler.connect();
+        requestHandler.prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
+        requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "device-uri", uri);
+        requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "printer-name", cupsName);
         // Only plain ipp gets a driverless queue; ipps, dnssd and socket get no driver at all.
         if (parsed.protocol() == ProtocolIpp)
-            requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", "everywhere");
+            requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", "everywhere");
         else if (parsed.protocol() == ProtocolUsb)
-            requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", ppdPath(parsed.modelOrAddress()));
-        requestHandler->executeAdminRequest();
+            requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "ppd-name", ppdPath(parsed.modelOrAddress()));
+        requestHandler.executeAdminRequest();
 
-        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
-        requestHandler->addBoolean(IPP_TAG_PRINTER, "printer-is-accepting-jobs", true);
-        requestHandler->addInteger(IPP_TAG_PRINTER, IPP_TAG_ENUM, "printer-state", IPP_PSTATE_IDLE);
-        requestHandler->executeAdminRequest();
+        requestHandler.prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
+        requestHandler.addBoolean(IPP_TAG_PRINTER, "printer-is-accepting-jobs", true);
+        requestHandler.addInteger(IPP_TAG_PRINTER, IPP_TAG_ENUM, "printer-state", IPP_PSTATE_IDLE);
+        requestHandler.executeAdminRequest();
         if (parsed.protocol() == ProtocolIpp)
             waitUntilSetUp(cupsName);
 
@@ -120,14 +118,15 @@ std::string PrinterController::ppdPath(const std::string& model)
 // raw for good, so the wait is bounded; a failed look also ends it.
 void PrinterController::waitUntilSetUp(const std::string& cupsName)
 {
+    auto& requestHandler = CupsRequestHandler::ofThisThread();
     const auto deadline = std::chrono::steady_clock::now() + setUpTimeout;
     auto pause = std::chrono::milliseconds(5);
     try {
         for (;;) {
-            requestHandler->prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
-            requestHandler->addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {makeAndModel});
-            requestHandler->executeAdminRequest();
-            if (requestHandler->getAttributes({makeAndModel})[makeAndModel] != rawPlaceholder)
+            requestHandler.prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
+            requestHandler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {makeAndModel});
+            requestHandler.executeAdminRequest();
+            if (requestHandler.getAttributes({makeAndModel})[makeAndModel] != rawPlaceholder)
                 return;
             if (std::chrono::steady_clock::now() + pause > deadline)
                 return;
@@ -140,13 +139,14 @@ void PrinterController::waitUntilSetUp(const std::string& cupsName)
 
 void PrinterController::removePrinter(const std::string& name)
 {
+    auto& requestHandler = CupsRequestHandler::ofThisThread();
     logFailures([&] {
         const auto cupsName = database->getCupsName(name);
         if (!cups->destinationExists(cupsName))
             throw std::invalid_argument(notFoundMessage(name, cupsName));
-        requestHandler->connect();
-        requestHandler->prepareRequest(cupsName, IPP_OP_CUPS_DELETE_PRINTER);
-        requestHandler->executeAdminRequest();
+        requestHandler.connect();
+        requestHandler.prepareRequest(cupsName, IPP_OP_CUPS_DELETE_PRINTER);
+        requestHandler.executeAdminRequest();
         database->remove(name);
         logger->sendEvent("INFO_LEVEL", "printer-removed", name);
     });
@@ -167,15 +167,16 @@ void PrinterController::renamePrinter(const std::string& oldName, const std::str
 
 AttributeMap PrinterController::getPrinterAttributes(const std::string& printerName)
 {
+    auto& requestHandler = CupsRequestHandler::ofThisThread();
     return logFailures([&] {
         const auto cupsName = database->getCupsName(printerName);
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error(notFoundMessage(printerName, cupsName));
-        requestHandler->connect();
-        requestHandler->prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
-        requestHandler->addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", capabilityAttributes);
-        requestHandler->executeAdminRequest();
-        return requestHandler->getAttributes(capabilityAttributes);
+        requestHandler.connect();
+        requestHandler.prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
+        requestHandler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", capabilityAttributes);
+        requestHandler.executeAdminRequest();
+        return requestHandler.getAttributes(capabilityAttributes);
     });
 }
 

@@ -15,12 +15,12 @@ class SystemInterface;
 class SystemLogger;
 
 // The logic behind ru.zorv.PrinterManager; owns the services it drives.
-// The pointers are shared because the scan thread uses them too.
+// The pointers are shared because the scan thread uses them too; each
+// thread speaks to the scheduler through its own request handler.
 class PrinterController {
 public:
     PrinterController();
-    PrinterController(std::shared_ptr<CupsRequestHandler> requestHandler,
-                      std::shared_ptr<CupsInterface> cups,
+    PrinterController(std::shared_ptr<CupsInterface> cups,
                       std::shared_ptr<CurlInterface> curl,
                       std::shared_ptr<SystemInterface> system,
                       std::shared_ptr<SystemLogger> logger,
@@ -37,7 +37,6 @@ private:
     std::string ppdPath(const std::string& model);
     void waitUntilSetUp(const std::string& cupsName);
 
-    std::shared_ptr<CupsRequestHandler> requestHandler;
     std::shared_ptr<CupsInterface> cups;
     std::shared_ptr<CurlInterface> curl;
     std::shared_ptr<SystemInterface> system;

@@ -1,5 +1,6 @@
 #include "manager/PrinterManagerInterface.h"
 
+#include "service/PooledCall.h"
 #include "support/Diagnostics.h"
 
 #include <stdexcept>
@@ -31,26 +32,54 @@ PrinterManagerInterface::PrinterManagerInterface(sdbus::IConnection& connection,
 
 PrinterManagerInterface::~PrinterManagerInterface()
 {
+    refuseCalls();
+    finishCalls(std::chrono::steady_clock::time_point::max());
     unregisterAdaptor();
 }
 
-void PrinterManagerInterface::addPrinter(const std::string& uri, const std::string& name,
-                                         const std::vector<std::string>& users)
+void PrinterManagerInterface::refuseCalls()
 {
-    translated([&] { controller.addPrinter(uri, name, users); });
+    const auto now = std::chrono::steady_clock::now();
+    changes.stop(now);
+    reads.stop(now);
+}
+
+bool PrinterManagerInterface::finishCalls(std::chrono::steady_clock::time_point deadline)
+{
+    const bool changesEnded = changes.stop(deadline);
+    // A scan is not waited for: it may take minutes.
+    return reads.stop(deadline) && changesEnded && scanIdle;
+}
+
+// On the changes worker right after the change: the list as it stood then.
+void PrinterManagerInterface::emitSavedPrinters()
+{
     emitSavedPrintersChanged(controller.getSavedPrinters());
 }
 
-void PrinterManagerInterface::removePrinter(const std::string& name)
+void PrinterManagerInterface::addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,
+                                         std::vector<std::string> users)
 {
-    translated([&] { controller.removePrinter(name); });
-    emitSavedPrintersChanged(controller.getSavedPrinters());
+    PooledCall(changes, errorName).run(std::move(result), [this, uri, name, users] {
+        controller.addPrinter(uri, name, users);
+        emitSavedPrinters();
+    });
 }
 
-void PrinterManagerInterface::renamePrinter(const std::string& oldName, const std::string& newName)
+void PrinterManagerInterface::removePrinter(sdbus::Result<>&& result, std::string name)
 {
-    translated([&] { controller.renamePrinter(oldName, newName); });
-    emitSavedPrintersChanged(controller.getSavedPrinters());
+    PooledCall(changes, errorName).run(std::move(result), [this, name] {
+        controller.removePrinter(name);
+        emitSavedPrinters();
+    });
+}
+
+void PrinterManagerInterface::renamePrinter(sdbus::Result<>&& result, std::string oldName, std::string newName)
+{
+    PooledCall(changes, errorName).run(std::move(result), [this, oldName, newName] {
+        controller.renamePrinter(oldName, newName);
+        emitSavedPrinters();
+    });
 }
 
 void PrinterManagerInterface::setDefaultPrinter(const std::string&)
@@ -109,10 +138,11 @@ void PrinterManagerInterface::removeUsers(const std::string&, const std::vector<
     translated([] { throw std::logic_error("method not implemented"); });
 }
 
-std::map<std::string, std::vector<std::string>> PrinterManagerInterface::getPrinterAttributes(
-    const std::string& printerName)
+void PrinterManagerInterface::getPrinterAttributes(
+    sdbus::Result<std::map<std::string, std::vector<std::string>>>&& result, std::string printerName)
 {
-    return translated([&] { return controller.getPrinterAttributes(printerName); });
+    PooledCall(reads, errorName).run(std::move(result),
+                                     [this, printerName] { return controller.getPrinterAttributes(printerName); });
 }
 
 } // namespace Kestrel::Private

@@ -34,19 +34,16 @@ struct Finally {
 } // namespace
 
 PrintController::PrintController()
-    : PrintController(std::make_shared<CupsRequestHandler>(),
-                      std::make_shared<CupsInterface>(),
+    : PrintController(std::make_shared<CupsInterface>(),
                       std::make_shared<SystemInterface>(),
                       std::make_shared<DatabaseManager>())
 {
 }
 
-PrintController::PrintController(std::shared_ptr<CupsRequestHandler> requestHandler,
-                                 std::shared_ptr<CupsInterface> cups,
+PrintController::PrintController(std::shared_ptr<CupsInterface> cups,
                                  std::shared_ptr<SystemInterface> system,
                                  std::shared_ptr<DatabaseManager> database)
-    : requestHandler(std::move(requestHandler))
-    , cups(std::move(cups))
+    : cups(std::move(cups))
     , system(std::move(system))
     , database(std::move(database))
     , jobs(std::make_shared<CupsJobs>())
@@ -60,7 +57,6 @@ int PrintController::print(const CallerCredentials& caller, const std::string& p
     auto copy = copyIfNotAscii(caller, path);
     const auto cupsName = database->getCupsName(printer);
 
-    std::lock_guard<std::mutex> lock(jobMutex);
     // Every check on the document is made here, before anything reaches CUPS.
     const auto document = copy ? std::move(*copy) : logFailures([&] { return system->openDocument(caller, path); });
     reserveSlot(caller.uid);
@@ -135,10 +131,11 @@ int PrintController::createJob(const Document& document, const std::string& cups
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         PrintOptions::check(options);
         restartStoppedQueue(cupsName);
-        requestHandler->prepareRequest(cupsName, IPP_OP_CREATE_JOB);
-        PrintOptions::addTo(*requestHandler, options);
-        requestHandler->executePrintFileRequest(document.file());
-        return requestHandler->getInteger("job-id");
+        auto& requestHandler = CupsRequestHandler::ofThisThread();
+        requestHandler.prepareRequest(cupsName, IPP_OP_CREATE_JOB);
+        PrintOptions::addTo(requestHandler, options);
+        requestHandler.executePrintFileRequest(document.file());
+        return requestHandler.getInteger("job-id");
     });
 }
 
@@ -165,12 +162,13 @@ void PrintController::sendDocument(const CallerCredentials& caller, const Docume
             throw std::runtime_error("file " + document.path() + "doesn't exist.");
         if (!cups->destinationExists(cupsName))
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
-        requestHandler->prepareRequest(cupsName, IPP_OP_SEND_DOCUMENT);
-        requestHandler->addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
-        requestHandler->addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", "application/pdf");
-        requestHandler->addBoolean(IPP_TAG_OPERATION, "last-document", true);
+        auto& requestHandler = CupsRequestHandler::ofThisThread();
+        requestHandler.prepareRequest(cupsName, IPP_OP_SEND_DOCUMENT);
+        requestHandler.addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
+        requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", "application/pdf");
+        requestHandler.addBoolean(IPP_TAG_OPERATION, "last-document", true);
         // The descriptor opened with the caller's rights, never the path again.
-        requestHandler->executePrintFileRequest(document.file());
+        requestHandler.executePrintFileRequest(document.file());
     });
 }
 

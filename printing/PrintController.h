@@ -13,7 +13,6 @@ namespace Kestrel::Private {
 
 class CupsInterface;
 class CupsJobs;
-class CupsRequestHandler;
 class JobStore;
 class DatabaseManager;
 class SystemInterface;
@@ -22,14 +21,15 @@ class SystemInterface;
 // CUPS job on the queue the registry names. The document is read, copied
 // and removed only with the rights of the caller who asked. Shared by every
 // interface that prints, so that they keep one limit and one record of owners.
+// Jobs are sent side by side, each over its own thread's scheduler
+// connection, so the two requests of one job never interleave with another's.
 class PrintController {
 public:
     // Enough for any person; far below the scheduler's own 500 for everyone.
     static constexpr size_t ActiveJobsPerCaller = 50;
 
     PrintController();
-    PrintController(std::shared_ptr<CupsRequestHandler> requestHandler,
-                    std::shared_ptr<CupsInterface> cups,
+    PrintController(std::shared_ptr<CupsInterface> cups,
                     std::shared_ptr<SystemInterface> system,
                     std::shared_ptr<DatabaseManager> database);
 
@@ -48,13 +48,11 @@ private:
     void sendDocument(const CallerCredentials& caller, const Document& document, const std::string& cupsName,
                       int jobId);
 
-    std::shared_ptr<CupsRequestHandler> requestHandler;
     std::shared_ptr<CupsInterface> cups;
     std::shared_ptr<SystemInterface> system;
     std::shared_ptr<DatabaseManager> database;
     std::shared_ptr<CupsJobs> jobs;
     std::shared_ptr<JobStore> store;
-    std::mutex jobMutex;
     std::mutex slotMutex;
     // Jobs between the limit check and their record in the store.
     std::map<uid_t, size_t> starting;

@@ -1,5 +1,6 @@
 #include "printing/PrintJobsInterface.h"
 
+#include "service/PooledCall.h"
 #include "support/CallerCredentials.h"
 
 namespace Kestrel::Private {
@@ -49,32 +50,22 @@ PrintJobsInterface::PrintJobsInterface(sdbus::IConnection& connection, std::stri
 
 PrintJobsInterface::~PrintJobsInterface()
 {
+    refuseCalls();
+    finishCalls(std::chrono::steady_clock::time_point::max());
     unregisterAdaptor();
 }
 
-// Runs the body on a worker and answers with what it returns, or with its
-// failure; a full backlog is answered at once.
-template <typename... Results, typename Body>
-void PrintJobsInterface::answer(WorkerPool& pool, sdbus::Result<Results...>&& result, Body body)
+void PrintJobsInterface::refuseCalls()
 {
-    auto shared = std::make_shared<sdbus::Result<Results...>>(std::move(result));
-    auto refuse = [shared] { shared->returnError(sdbus::Error(ErrorName, "the print service is busy; try again")); };
-    const bool queued = pool.post(
-        [shared, body = std::move(body)] {
-            try {
-                if constexpr (sizeof...(Results) == 0) {
-                    body();
-                    shared->returnResults();
-                } else {
-                    shared->returnResults(body());
-                }
-            } catch (const std::exception& error) {
-                shared->returnError(sdbus::Error(ErrorName, error.what()));
-            }
-        },
-        refuse);
-    if (!queued)
-        refuse();
+    const auto now = std::chrono::steady_clock::now();
+    jobWorkers.stop(now);
+    printerWorkers.stop(now);
+}
+
+bool PrintJobsInterface::finishCalls(std::chrono::steady_clock::time_point deadline)
+{
+    const bool jobsEnded = jobWorkers.stop(deadline);
+    return printerWorkers.stop(deadline) && jobsEnded;
 }
 
 // Read on the bus thread, while the call is the one being processed; the
@@ -93,7 +84,7 @@ void PrintJobsInterface::submit(sdbus::Result<uint32_t>&& result, std::string pa
                                 std::map<std::string, std::string> parameters)
 {
     const auto sender = getObject().getCurrentlyProcessedMessage()->getSender();
-    answer(jobWorkers, std::move(result), [this, who = caller(), sender, path, printer, parameters] {
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), sender, path, printer, parameters] {
         const int id = controller->submit(who, path, printer, parameters);
         watcher.follow(id, sender);
         return static_cast<uint32_t>(id);
@@ -102,7 +93,7 @@ void PrintJobsInterface::submit(sdbus::Result<uint32_t>&& result, std::string pa
 
 void PrintJobsInterface::getJobs(sdbus::Result<std::vector<Dictionary>>&& result)
 {
-    answer(jobWorkers, std::move(result), [this, who = caller()] {
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller()] {
         std::vector<Dictionary> jobs;
         for (const auto& job : controller->jobs(who))
             jobs.push_back(dictionary(job));
@@ -112,19 +103,21 @@ void PrintJobsInterface::getJobs(sdbus::Result<std::vector<Dictionary>>&& result
 
 void PrintJobsInterface::getJob(sdbus::Result<Dictionary>&& result, uint32_t job)
 {
-    answer(jobWorkers, std::move(result),
-           [this, who = caller(), job] { return dictionary(controller->job(who, static_cast<int>(job))); });
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), job] {
+        return dictionary(controller->job(who, static_cast<int>(job)));
+    });
 }
 
 void PrintJobsInterface::cancelJob(sdbus::Result<>&& result, uint32_t job)
 {
-    answer(jobWorkers, std::move(result),
-           [this, who = caller(), job] { controller->cancel(who, static_cast<int>(job)); });
+    PooledCall(jobWorkers, ErrorName).run(std::move(result), [this, who = caller(), job] {
+        controller->cancel(who, static_cast<int>(job));
+    });
 }
 
 void PrintJobsInterface::getPrinterState(sdbus::Result<Dictionary>&& result, std::string printer)
 {
-    answer(printerWorkers, std::move(result), [this, printer] {
+    PooledCall(printerWorkers, ErrorName).run(std::move(result), [this, printer] {
         const auto [state, changed] = controller->printerState(printer);
         if (changed)
             emitPrinterChanged(printer, state);

@@ -8,6 +8,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <chrono>
 #include <memory>
 
 namespace Kestrel::Private {
@@ -21,6 +22,11 @@ public:
     PrintJobsInterface(sdbus::IConnection& connection, std::string path, std::shared_ptr<PrintController> printing);
     ~PrintJobsInterface();
 
+    // Takes no more calls and refuses the waiting ones.
+    void refuseCalls();
+    // Waits for the running ones until the deadline; true when none is left.
+    bool finishCalls(std::chrono::steady_clock::time_point deadline);
+
 private:
     using Dictionary = std::map<std::string, sdbus::Variant>;
 
@@ -31,8 +37,6 @@ private:
     void cancelJob(sdbus::Result<>&& result, uint32_t job) override;
     void getPrinterState(sdbus::Result<Dictionary>&& result, std::string printer) override;
 
-    template <typename... Results, typename Body>
-    void answer(WorkerPool& pool, sdbus::Result<Results...>&& result, Body body);
     CallerCredentials caller();
     void emitJobChanged(const std::string& connection, const Job& job);
     void emitPrinterChanged(const std::string& printer, const PrinterStatus& state);

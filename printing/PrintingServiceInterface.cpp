@@ -1,5 +1,6 @@
 #include "printing/PrintingServiceInterface.h"
 
+#include "service/PooledCall.h"
 #include "support/CallerCredentials.h"
 
 namespace Kestrel::Private {
@@ -14,21 +15,38 @@ PrintingServiceInterface::PrintingServiceInterface(sdbus::IConnection& connectio
 
 PrintingServiceInterface::~PrintingServiceInterface()
 {
+    refuseCalls();
+    finishCalls(std::chrono::steady_clock::time_point::max());
     unregisterAdaptor();
 }
 
-void PrintingServiceInterface::print(const std::string& path, const std::string& printer,
-                                     const std::map<std::string, std::string>& parameters)
+void PrintingServiceInterface::refuseCalls()
 {
+    prints.stop(std::chrono::steady_clock::now());
+}
+
+bool PrintingServiceInterface::finishCalls(std::chrono::steady_clock::time_point deadline)
+{
+    return prints.stop(deadline);
+}
+
+void PrintingServiceInterface::print(sdbus::Result<>&& result, std::string path, std::string printer,
+                                     std::map<std::string, std::string> parameters)
+{
+    const char* const errorName = "ru.zorv.PrintingService.Error";
+    CallerCredentials caller;
     try {
-        // The document is handled with the rights of whoever sent this call.
+        // The document is handled with the rights of whoever sent this call;
+        // the bus tells who only while the call is being dispatched.
         const auto& object = getObject();
-        const auto caller = CallerCredentials::ofSender(object.getConnection(),
-                                                        object.getCurrentlyProcessedMessage()->getSender());
-        controller->print(caller, path, printer, parameters);
+        caller = CallerCredentials::ofSender(object.getConnection(),
+                                             object.getCurrentlyProcessedMessage()->getSender());
     } catch (const std::exception& error) {
-        throw sdbus::Error("ru.zorv.PrintingService.Error", error.what());
+        return result.returnError(sdbus::Error(errorName, error.what()));
     }
+    PooledCall(prints, errorName).run(std::move(result), [this, caller, path, printer, parameters] {
+        controller->print(caller, path, printer, parameters);
+    });
 }
 
 } // namespace Kestrel::Private

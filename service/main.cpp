@@ -1,21 +1,70 @@
 #include "manager/PrinterManagerInterface.h"
 #include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
+#include "support/CurlInterface.h"
 #include "support/Privileges.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <malloc.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+// How long calls in flight may take to end once a stop is asked for.
+constexpr auto StopBound = std::chrono::seconds(5);
+
+} // namespace
+
 int main()
 {
+    // Every worker would otherwise bring a malloc arena of its own, which
+    // keeps its memory after a burst of calls.
+    mallopt(M_ARENA_MAX, 2);
+    Kestrel::Private::CurlInterface::setUpLibrary();
+    // Blocked before any thread starts, so every thread inherits the mask
+    // and the stop signals reach only the sigwait below.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    const char* const busName = "ru.zorv.print";
     const char* const objectPath = "/ru/zorv/print";
     // Before any call is served, whoever started the daemon.
     Kestrel::Private::Privileges::keepOnlyIdentitySwitch();
-    auto connection = sdbus::createSystemBusConnection("ru.zorv.print");
+    auto connection = sdbus::createSystemBusConnection(busName);
     Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
     // One print core for both printing interfaces: one job limit, one record of owners.
     auto printer = std::make_shared<Kestrel::Private::PrintController>();
     Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
     Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer);
-    connection->enterEventLoop();
+    connection->enterEventLoopAsync();
+
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    // Calls still waiting are answered with an error; running ones may end.
+    manager.refuseCalls();
+    printing.refuseCalls();
+    jobs.refuseCalls();
+    const auto deadline = std::chrono::steady_clock::now() + StopBound;
+    const bool managerEnded = manager.finishCalls(deadline);
+    const bool printingEnded = printing.finishCalls(deadline);
+    const bool allEnded = jobs.finishCalls(deadline) && printingEnded && managerEnded;
+    connection->releaseName(busName);
+    connection->leaveEventLoop();
+    if (!allEnded) {
+        // Workers still running use what the destructors would free.
+        std::cout.flush();
+        std::cerr.flush();
+        std::fflush(nullptr);
+        _exit(0);
+    }
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -20,6 +21,8 @@
 namespace Kestrel::Private {
 
 namespace {
+
+constexpr auto CopyBound = std::chrono::seconds(30);
 
 // The calling thread's file-system identity switched to the caller's until
 // the end of the scope. fsuid, fsgid and the raw setgroups system call are
@@ -113,6 +116,9 @@ std::runtime_error openFailure(const std::string& path, int error)
         return std::runtime_error("file " + path + " doesn't exist.");
     if (error == EACCES || error == EPERM)
         return std::runtime_error("permission denied: " + path);
+    // Another program holds a lease on it; waiting for its break would hold the worker.
+    if (error == EWOULDBLOCK)
+        return std::runtime_error("file " + path + " is in use by another program");
     return std::runtime_error("file " + path + " cannot be opened: " + std::strerror(error));
 }
 
@@ -171,9 +177,10 @@ Document CallerFiles::open(const std::string& path) const
         if (!S_ISREG(status.st_mode))
             throw std::runtime_error("file " + path + " is not a regular file");
         // Reopening the very file found, not the path, for reading: the
-        // kernel checks the caller's read permission on it.
+        // kernel checks the caller's read permission on it, and refuses
+        // rather than waits when another program holds a lease on it.
         Descriptor file(::open(("/proc/self/fd/" + std::to_string(found.get())).c_str(),
-                               O_RDONLY | O_CLOEXEC | O_NOCTTY));
+                               O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
         if (file.get() < 0)
             throw openFailure(path, errno);
         if (status.st_size == 0)
@@ -206,14 +213,17 @@ Document CallerFiles::copy(const Document& document, const std::string& name) co
                                  S_IRUSR | S_IWUSR));
         if (file.get() < 0)
             throw std::runtime_error("cannot copy " + document.path() + " to " + path + ": " + std::strerror(errno));
+        // Bounded, so a document on a stalled file system cannot hold a worker for good.
+        const auto deadline = std::chrono::steady_clock::now() + CopyBound;
         off_t offset = 0;
         ssize_t copied = 0;
-        while ((copied = ::sendfile(file.get(), document.file(), &offset, 1 << 20)) > 0) {
+        while ((copied = ::sendfile(file.get(), document.file(), &offset, 1 << 20)) > 0
+               && std::chrono::steady_clock::now() < deadline) {
         }
-        if (copied < 0) {
-            const int error = errno;
+        if (copied != 0) {
+            const std::string reason = copied < 0 ? std::strerror(errno) : "it takes too long";
             ::unlinkat(directory.get(), name.c_str(), 0);
-            throw std::runtime_error("cannot copy " + document.path() + " to " + path + ": " + std::strerror(error));
+            throw std::runtime_error("cannot copy " + document.path() + " to " + path + ": " + reason);
         }
         return Document(path, directory.release(), name, file.release());
     });

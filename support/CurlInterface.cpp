@@ -16,6 +16,11 @@ struct CurlFree {
 
 } // namespace
 
+void CurlInterface::setUpLibrary()
+{
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+}
+
 CurlInterface::~CurlInterface()
 {
     if (handle)

@@ -15,6 +15,10 @@ public:
     CurlInterface& operator=(const CurlInterface&) = delete;
     virtual ~CurlInterface();
 
+    // Once, before any thread starts: the library's process-wide set-up is
+    // not safe to run from several threads at once, as workers would.
+    static void setUpLibrary();
+
     virtual bool init();
     virtual std::string unescape(const char* text, std::size_t length);
 

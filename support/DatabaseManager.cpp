@@ -21,6 +21,9 @@ namespace Kestrel::Private {
 namespace {
 
 const int openFlags = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE;
+// Calls run side by side, each on its own connection: one that finds the
+// file locked by another's short write waits for it rather than fail.
+const int busyTimeoutMs = 2000;
 const char* const versionRead = "SELECT value FROM version WHERE id=1";
 
 // Tables and version row commit together: a kill cannot leave tables without a version.
@@ -47,7 +50,7 @@ const std::map<std::string, std::function<void(SQLite::Database&)>> migrations =
 
 SQLite::Database open(const std::string& path)
 {
-    return SQLite::Database(path, openFlags, 0);
+    return SQLite::Database(path, openFlags, busyTimeoutMs);
 }
 
 std::string systemError()

@@ -1,5 +1,7 @@
 #include "support/WorkerPool.h"
 
+#include <malloc.h>
+
 namespace Kestrel::Private {
 
 WorkerPool::WorkerPool(size_t threadCount, size_t backlog)
@@ -56,6 +58,12 @@ bool WorkerPool::stop(std::chrono::steady_clock::time_point deadline)
     return true;
 }
 
+bool WorkerPool::stopped()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return stopping;
+}
+
 void WorkerPool::work()
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -71,8 +79,13 @@ void WorkerPool::work()
         entry = {};
         lock.lock();
         --running;
-        if (running == 0)
-            changed.notify_all();
+        if (running > 0 || !waiting.empty())
+            continue;
+        changed.notify_all();
+        // A burst of calls leaves free memory in the arenas; idle, the pool gives it back.
+        lock.unlock();
+        malloc_trim(0);
+        lock.lock();
     }
 }
 

@@ -32,6 +32,7 @@ public:
     // the running ones end or the deadline passes. True when none is left
     // running (the threads are then joined).
     bool stop(std::chrono::steady_clock::time_point deadline);
+    bool stopped();
 
 private:
     struct Entry {

@@ -28,7 +28,7 @@ PRINTER_URI = os.environ.get("KESTREL_PRINTER_URI", "")
 DAEMON_LOG = WORLD / "daemon.log"
 DAEMON_ENV = WORLD / "daemon.env"
 REGISTRY = Path("/var/lib/print/printers.db")
-SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer")
+SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer", "ThreadSanitizer")
 
 
 class BusError(Exception):

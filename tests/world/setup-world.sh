@@ -82,13 +82,17 @@ cp -a "$original/system.d/avahi-dbus.conf" /usr/share/dbus-1/system.d/ 2>/dev/nu
 # call, as on a device; its output goes to daemon.log.
 if [ -n "${KESTREL_DAEMON:-}" ]; then
     launcher=$KESTREL_WORLD_DIR/kestrel-printd
+    # ThreadSanitizer cannot map its shadow memory under the widest address
+    # randomisation some kernels use.
+    wrapper=
+    [ "${KESTREL_SANITIZE:-}" = thread ] && wrapper="setarch $(uname -m) -R"
     cat >"$launcher" <<LAUNCHER
 #!/bin/sh
-export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}'
+export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}' TSAN_OPTIONS='${TSAN_OPTIONS:-}'
 # A test may point the next daemon elsewhere, e.g. CUPS_SERVER at a recorder,
 # or start it through a wrapper (KESTREL_DAEMON_WRAPPER).
 [ -f '$KESTREL_WORLD_DIR/daemon.env' ] && . '$KESTREL_WORLD_DIR/daemon.env'
-exec \${KESTREL_DAEMON_WRAPPER:-} '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
+exec \${KESTREL_DAEMON_WRAPPER:-} $wrapper '$KESTREL_DAEMON' >>'$KESTREL_WORLD_DIR/daemon.log' 2>&1
 LAUNCHER
     chmod 0755 "$launcher"
     printf '[D-BUS Service]\nName=ru.zorv.print\nExec=%s\nUser=root\n' "$launcher" \

@@ -1,10 +1,18 @@
-"""Queues ready when added, a scan in report order, and bounds that keep the service answering."""
+"""Queues ready when added, a scan in report order, bounds that keep the service answering, calls served side by
+side and a clean stop."""
+import fcntl
+import os
+import re
+import signal
+import socket
 import sqlite3
+import subprocess
 import threading
 import time
 from pathlib import Path
 
-from conftest import PRINTER_URI, REGISTRY, SystemLog, error_of, manager, scheduler_running, shell, wait_for
+from conftest import (NOBODY, PRINTER_URI, REGISTRY, WORLD, BusError, SystemLog, daemon_pid, error_of, manager,
+                      print_document, queues, scheduler_running, shell, stop_printer, wait_for, write_pdf)
 
 # How long the service waits for the system-log service, and a margin for a loaded machine.
 LOG_BOUND = 3.0
@@ -68,3 +76,132 @@ def test_scan_keeps_the_first_report_of_a_uri_though_its_probe_ends_last(signals
         backend.unlink()
     assert devices["ipp://127.0.0.2"] == "Probed Loopback"
     assert devices["ipp://127.0.0.1"] == "Loopback Printer"
+
+
+def in_background(function, *args, **kwargs):
+    """Runs a call on a thread of its own; the list gets its result or BusError."""
+    outcome = []
+
+    def run():
+        try:
+            outcome.append(function(*args, private=True, **kwargs))
+        except BusError as error:
+            outcome.append(error)
+    thread = threading.Thread(target=run)
+    thread.start()
+    return thread, outcome
+
+
+def answered_within(seconds, function, *args, **kwargs):
+    started = time.monotonic()
+    result = function(*args, private=True, **kwargs)
+    assert time.monotonic() - started < seconds, (function, args)
+    return result
+
+
+def test_lists_and_inspections_are_answered_at_once_while_an_add_waits_on_a_silent_printer_and_a_huge_pdf_prints(
+        office, documents):
+    stop_printer()
+    silent = socket.create_server(("127.0.0.1", 631))  # accepts, never answers
+    try:
+        huge = write_pdf(documents / "huge.pdf")
+        os.truncate(huge, 300 << 20)
+        adding, _ = in_background(manager, "addPrinter", PRINTER_URI, "Silent", [])
+        printing, printed = in_background(print_document, huge, office)
+        assert wait_for(lambda: len(queues()) == 2)
+        expected = manager("getPrinterAttributes", office)
+        for _ in range(10):
+            assert answered_within(0.5, manager, "getSavedPrinters") == [office]
+            assert answered_within(0.5, manager, "getPrinterAttributes", office) == expected
+        assert adding.is_alive()
+        printing.join()
+        assert printed == [None]
+    finally:
+        silent.close()
+
+
+# A taken name, a rename or removal of a name no longer saved.
+ALLOWED = re.compile(r"UNIQUE constraint failed: printers\.user_name|no more rows available|cups_name is empty")
+
+
+def test_changes_from_eight_clients_at_once_each_get_an_answer_and_one_signal_each_in_order(signals):
+    outcomes = []
+
+    def client(i):
+        for method, args in [("addPrinter", (PRINTER_URI, f"P{i % 4}", [])),
+                             ("renamePrinter", (f"P{i % 4}", f"R{i % 3}")), ("removePrinter", (f"R{i % 3}",))]:
+            try:
+                outcomes.append((method, manager(method, *args, private=True)))
+            except BusError as error:
+                outcomes.append((method, error))
+    clients = [threading.Thread(target=client, args=(i,)) for i in range(8)]
+    for thread in clients:
+        thread.start()
+    for thread in clients:
+        thread.join()
+    assert len(outcomes) == 24
+    for _, result in outcomes:
+        assert result is None or (result.name == "ru.zorv.PrinterManager.Error" and ALLOWED.fullmatch(result.message))
+    successes = sum(result is None for _, result in outcomes)
+    failed_adds = sum(method == "addPrinter" and result is not None for method, result in outcomes)
+    with sqlite3.connect(REGISTRY) as db:
+        saved = dict(db.execute("SELECT cups_name, user_name FROM printers").fetchall())
+    assert set(saved) <= set(queues()) and len(queues()) - len(saved) == failed_adds
+    lists = [[]] + [sorted(signals.wait("savedPrintersChanged")) for _ in range(successes)]
+    # Each list is the one before with exactly one change: an add, a removal or a rename.
+    for before, after in zip(lists, lists[1:]):
+        assert (len(set(before) ^ set(after)), abs(len(before) - len(after))) in [(1, 1), (2, 0)], (before, after)
+    assert lists[-1] == sorted(saved.values()) == sorted(manager("getSavedPrinters"))
+    assert signals.pending() == []
+
+
+def test_a_pdf_under_a_write_lease_is_refused_at_once_and_the_callers_identity_never_outlives_a_call(
+        office, documents):
+    leased, ready = write_pdf(documents / "leased.pdf"), os.pipe()
+    os.chown(leased, NOBODY, NOBODY)
+    private = documents / "root-only"
+    private.mkdir(mode=0o700)
+    holder = os.fork()
+    if holder == 0:
+        signal.signal(signal.SIGIO, signal.SIG_IGN)  # the kernel's note that someone wants the file
+        os.setgid(NOBODY)
+        os.setuid(NOBODY)
+        fcntl.fcntl(os.open(leased, os.O_RDWR), getattr(fcntl, "F_SETLEASE", 1024), fcntl.F_WRLCK)
+        os.write(ready[1], b"1")
+        time.sleep(60)
+        os._exit(0)
+    try:
+        os.read(ready[0], 1)
+        for n in range(6):
+            error = answered_within(1.0, error_of, print_document, leased, office, user=NOBODY)
+            assert error.message == f"file {leased} is in use by another program"
+            assert answered_within(1.0, manager, "getSavedPrinters") == [office]
+            mine = write_pdf(private / f"{n}.pdf")
+            mine.chmod(0o600)
+            print_document(mine, office)
+            assert not mine.exists()
+    finally:
+        os.kill(holder, signal.SIGKILL)
+        os.waitpid(holder, 0)
+
+
+STOP_BOUND = 5.0
+
+
+def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(system_log, documents):
+    daemon = subprocess.Popen([WORLD / "kestrel-printd"])  # the launcher the bus uses, as this test's child
+    assert wait_for(lambda: daemon_pid() == daemon.pid)
+    manager("addPrinter", PRINTER_URI, "Office", [])
+    burst = [in_background(manager, "addPrinter", PRINTER_URI, f"Burst {i}", []) for i in range(8)]
+    burst += [in_background(manager, "getPrinterAttributes", "Office") for _ in range(8)]
+    burst += [in_background(print_document, write_pdf(documents / f"{i}.pdf"), "Office") for i in range(4)]
+    assert wait_for(lambda: len(queues()) > 1)
+    stopped = time.monotonic()
+    daemon.send_signal(signal.SIGTERM)
+    assert daemon.wait(STOP_BOUND + 2) == 0 and time.monotonic() - stopped < STOP_BOUND + 2
+    for thread, outcome in burst:
+        thread.join()
+        assert not isinstance(outcome[0], BusError) or outcome[0].name.startswith("ru.zorv."), outcome[0]
+    with sqlite3.connect(REGISTRY) as db:
+        assert db.execute("PRAGMA integrity_check").fetchone() == ("ok",)
+        assert {row[0] for row in db.execute("SELECT cups_name FROM printers")} <= set(queues())

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "support/WorkerPool.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace Kestrel::Private {
+
+// A bus call whose work waits on a peer: the bus thread only hands it to a
+// pool, and the worker answers it, a failure as the interface's error with
+// the failure's text. A full backlog or a stopping pool answers at once.
+class PooledCall {
+public:
+    PooledCall(WorkerPool& pool, std::string errorName)
+        : pool(pool)
+        , errorName(std::move(errorName))
+    {
+    }
+
+    template <typename... Results, typename Work>
+    void run(sdbus::Result<Results...>&& result, Work work) const
+    {
+        // Shared, as the pool keeps copyable tasks and the result is move-only.
+        auto call = std::make_shared<sdbus::Result<Results...>>(std::move(result));
+        const auto refuse = [call, name = errorName] {
+            call->returnError(sdbus::Error(name, "the print service is stopping; try again later"));
+        };
+        const bool queued = pool.post([call, name = errorName, work] { answer(*call, name, work); }, refuse);
+        if (queued)
+            return;
+        if (pool.stopped())
+            return refuse();
+        call->returnError(sdbus::Error(errorName, "the print service is busy; try again"));
+    }
+
+private:
+    template <typename... Results, typename Work>
+    static void answer(const sdbus::Result<Results...>& call, const std::string& name, const Work& work)
+    {
+        try {
+            if constexpr (sizeof...(Results) == 0) {
+                work();
+                call.returnResults();
+            } else {
+                call.returnResults(work());
+            }
+        } catch (const std::exception& error) {
+            call.returnError(sdbus::Error(name, error.what()));
+        }
+    }
+
+    WorkerPool& pool;
+    const std::string errorName;
+};
+
+} // namespace Kestrel::Private
