@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -25,11 +26,16 @@ namespace {
 constexpr size_t ProbeThreads = 8;
 
 // One device as discovery reported it; network devices are listed under the
-// IPP URI their probe finds, the others under their own.
+// IPP URI their probe finds, announced printers under their service name, the
+// others under their own URI.
 struct ReportedDevice {
     std::string uri;
     std::string makeAndModel;
     bool needsProbe;
+    // For announced printers: the instance name and whether it was an
+    // "_ipps" report.
+    std::string serviceName;
+    bool secureService;
 };
 
 void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, const std::string& makeAndModel)
@@ -39,7 +45,26 @@ void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, con
     Uri parsed(uri, std::make_shared<CurlInterface>());
     const int32_t protocol = parsed.protocol();
     const bool direct = protocol == ProtocolUsb || protocol == ProtocolIpp || protocol == ProtocolIpps;
-    reports.push_back({uri, makeAndModel, !direct});
+    const bool announced = !parsed.serviceName().empty();
+    reports.push_back({uri, makeAndModel, !direct && !announced, parsed.serviceName(), parsed.isSecureService()});
+}
+
+// Announced printers under an "ipp" URI, so that adding one gives a driverless
+// queue. The scheduler resolves the name at print time, so the queue follows
+// the printer to a new address. A printer heard of only under "_ipps" keeps
+// that service: it may not offer the plain one.
+void nameAnnouncedPrinters(std::vector<ReportedDevice>& reports, std::vector<std::string>& keys)
+{
+    std::map<std::string, bool> onlySecure;
+    for (const auto& report : reports) {
+        if (!report.serviceName.empty())
+            onlySecure.emplace(report.serviceName, true).first->second &= report.secureService;
+    }
+    for (size_t i = 0; i < reports.size(); ++i) {
+        const std::string& name = reports[i].serviceName;
+        if (!name.empty())
+            keys[i] = "ipp://" + name + (onlySecure[name] ? "._ipps" : "._ipp") + "._tcp.local/";
+    }
 }
 
 void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const char* /*deviceInfo*/,
@@ -112,7 +137,10 @@ DeviceMap CupsInterface::getDevices()
         throw std::runtime_error(cupsErrorText());
 
     std::vector<std::string> keys(reports.size());
+    nameAnnouncedPrinters(reports, keys);
     runConcurrently(reports.size(), ProbeThreads, [&](size_t i) {
+        if (!keys[i].empty())
+            return;
         // An exception must not end the process from a worker thread; the
         // device is then left out.
         try {

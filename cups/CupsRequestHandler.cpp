@@ -11,12 +11,14 @@ namespace Kestrel::Private {
 
 namespace {
 
-constexpr int RemoteTimeoutMs = 30000;
+// Probes of network devices: a printer answers IPP in milliseconds, and a scan
+// must not wait long on a device that accepts a connection and stays silent.
+constexpr int RemoteTimeoutMs = 2000;
 // Bounds on each wait for the peer to take or send data: a scheduler or a
 // printer that accepts a connection and never answers would otherwise hold
 // the caller for about a minute per request, the bus thread included.
 constexpr double SchedulerWaitSeconds = 10;
-constexpr double PrinterWaitSeconds = 10;
+constexpr double PrinterWaitSeconds = 2;
 constexpr int SchedulerConnectTimeoutMs = 10000;
 constexpr size_t UriBufferSize = 1024;
 
