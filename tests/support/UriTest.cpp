@@ -66,7 +66,6 @@ TEST(UriTest, DeviceUrisGiveProtocolAndModelOrAddressOrTheirFailure)
         {"dnssd://P._ipps._tcp.local/?uuid=1", {"", "dnssd://P._ipps._tcp.local/?uuid=1", "P._ipps._tcp.local", 0}},
         {"ipp://printer.local/ipp/print", failure("invalid uri scheme")},
         {"socket://P._ipp._tcp.local", failure("invalid uri scheme")},
-        {"IPP://P._ipp._tcp.local/", failure("invalid uri scheme")},
         {"ipp://My Printer._ipp._tcp.local/", failure("invalid uri scheme")},
         {"ipps://P._printer._tcp.local/", failure("invalid uri scheme")},
     };

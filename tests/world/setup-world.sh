@@ -100,11 +100,9 @@ fi
 dbus-daemon --config-file="$here/system-bus.conf" --fork || fail "dbus-daemon failed to start"
 if [ "${KESTREL_NETWORK:-}" = 1 ]; then
     export KESTREL_REMOTE_SPOOL=$KESTREL_WORLD_DIR/remote-spool
-    # The scheduler (setting driverless queues up) and the backends resolve
-    # DNS-SD names through avahi on the bus, and .local host names through
-    # nsswitch; the machine's own nsswitch.conf stays as it is.
-    sed '/^hosts:/d' /etc/nsswitch.conf >"$KESTREL_WORLD_DIR/nsswitch.conf"
-    echo "hosts: files mdns4_minimal [NOTFOUND=return] dns" >>"$KESTREL_WORLD_DIR/nsswitch.conf"
+    # DNS-SD names are resolved through avahi on the bus, .local host names
+    # through nsswitch; the machine's own nsswitch.conf stays as it is.
+    sed 's/^hosts:.*/hosts: files mdns4_minimal [NOTFOUND=return] dns/' /etc/nsswitch.conf >"$KESTREL_WORLD_DIR/nsswitch.conf"
     mount --bind "$KESTREL_WORLD_DIR/nsswitch.conf" /etc/nsswitch.conf
     mkdir -p /run/avahi-daemon
     avahi-daemon --no-drop-root --no-chroot --no-rlimits -D || fail "avahi-daemon failed to start"
@@ -112,9 +110,11 @@ if [ "${KESTREL_NETWORK:-}" = 1 ]; then
 fi
 # Started from subshells, not as our jobs, as tests stop and restart them.
 # cupsd keeps off the bus: its D-Bus notifier can abort the scheduler when a
-# queue is deleted moments after it was set up.
-export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent cupsd -f"
-[ "${KESTREL_NETWORK:-}" = 1 ] && KESTREL_SCHEDULER="cupsd -f"
+# queue is deleted moments after it was set up. With the printer host it needs
+# the bus to resolve DNS-SD names when it sets a driverless queue up.
+bus=unix:path=/nonexistent
+[ "${KESTREL_NETWORK:-}" = 1 ] && bus=unix:path=/run/dbus/system_bus_socket
+export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=$bus cupsd -f"
 ($KESTREL_SCHEDULER >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
 export KESTREL_PRINTER_START="$here/simulated-printer"
 ("$KESTREL_PRINTER_START" &)
