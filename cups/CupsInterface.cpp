@@ -54,7 +54,7 @@ void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, con
 // queue. The scheduler resolves the name at print time, so the queue follows
 // the printer to a new address. A printer heard of only under "_ipps" keeps
 // that service: it may not offer the plain one.
-void nameAnnouncedPrinters(std::vector<ReportedDevice>& reports, std::vector<std::string>& keys)
+void nameAnnouncedPrinters(const std::vector<ReportedDevice>& reports, std::vector<std::string>& keys)
 {
     std::map<std::string, bool> onlySecure;
     for (const auto& report : reports) {
