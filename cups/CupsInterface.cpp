@@ -24,7 +24,7 @@ namespace {
 // A silent device on port 443 holds its probe for the library's own TLS
 // handshake bound (10 s), which no time-out of ours shortens; so a scan waits
 // this long for its probes and leaves later ones to end on their own.
-constexpr auto ProbeDeadline = std::chrono::seconds(4);
+constexpr auto ProbeDeadline = std::chrono::seconds(3);
 
 // One device as discovery reported it; network devices are listed under the
 // IPP URI their probe finds, announced printers under their service name, the
