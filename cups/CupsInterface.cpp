@@ -8,10 +8,11 @@
 #include <cups/adminutil.h>
 #include <cups/cups.h>
 
-#include <algorithm>
-#include <atomic>
-#include <functional>
+#include <chrono>
+#include <condition_variable>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -20,16 +21,22 @@ namespace Kestrel::Private {
 
 namespace {
 
-// Silent devices hold a probe for its whole time-outs, so they are waited
-// out side by side rather than one after another.
-constexpr size_t ProbeThreads = 8;
+// A silent device on port 443 holds its probe for the library's own TLS
+// handshake bound (10 s), which no time-out of ours shortens; so a scan waits
+// this long for its probes and leaves later ones to end on their own.
+constexpr auto ProbeDeadline = std::chrono::seconds(3);
 
 // One device as discovery reported it; network devices are listed under the
-// IPP URI their probe finds, the others under their own.
+// IPP URI their probe finds, announced printers under their service name, the
+// others under their own URI.
 struct ReportedDevice {
     std::string uri;
     std::string makeAndModel;
     bool needsProbe;
+    // For announced printers: the instance name and whether it was an
+    // "_ipps" report.
+    std::string serviceName;
+    bool secureService;
 };
 
 void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, const std::string& makeAndModel)
@@ -39,7 +46,26 @@ void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, con
     Uri parsed(uri, std::make_shared<CurlInterface>());
     const int32_t protocol = parsed.protocol();
     const bool direct = protocol == ProtocolUsb || protocol == ProtocolIpp || protocol == ProtocolIpps;
-    reports.push_back({uri, makeAndModel, !direct});
+    const bool announced = !parsed.serviceName().empty();
+    reports.push_back({uri, makeAndModel, !direct && !announced, parsed.serviceName(), parsed.isSecureService()});
+}
+
+// Announced printers under an "ipp" URI, so that adding one gives a driverless
+// queue. The scheduler resolves the name at print time, so the queue follows
+// the printer to a new address. A printer heard of only under "_ipps" keeps
+// that service: it may not offer the plain one.
+void nameAnnouncedPrinters(const std::vector<ReportedDevice>& reports, std::vector<std::string>& keys)
+{
+    std::map<std::string, bool> onlySecure;
+    for (const auto& report : reports) {
+        if (!report.serviceName.empty())
+            onlySecure.emplace(report.serviceName, true).first->second &= report.secureService;
+    }
+    for (size_t i = 0; i < reports.size(); ++i) {
+        const std::string& name = reports[i].serviceName;
+        if (!name.empty())
+            keys[i] = "ipp://" + name + (onlySecure[name] ? "._ipps" : "._ipp") + "._tcp.local/";
+    }
 }
 
 void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const char* /*deviceInfo*/,
@@ -64,19 +90,42 @@ std::string probe(const std::string& uri)
     return {};
 }
 
-// Runs work(0) .. work(count - 1) on at most `threads` threads at a time.
-void runConcurrently(size_t count, size_t threads, const std::function<void(size_t)>& work)
+// The answers of probes that ended by the deadline, shared with the probes
+// that may outlive it.
+struct ProbeRound {
+    std::mutex lock;
+    std::condition_variable finished;
+    std::vector<std::string> keys;
+    size_t running = 0;
+};
+
+// Probes every given URI side by side (empty ones are skipped); a probe not
+// done by the deadline leaves its key empty.
+std::vector<std::string> probeAll(const std::vector<std::string>& uris)
 {
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> workers;
-    for (size_t i = 0; i < std::min(count, threads); ++i) {
-        workers.emplace_back([&] {
-            for (size_t item = next++; item < count; item = next++)
-                work(item);
-        });
+    auto round = std::make_shared<ProbeRound>();
+    round->keys.resize(uris.size());
+    std::unique_lock<std::mutex> guard(round->lock);
+    for (size_t i = 0; i < uris.size(); ++i) {
+        if (uris[i].empty())
+            continue;
+        ++round->running;
+        std::thread([round, i, uri = uris[i]] {
+            std::string key;
+            // An exception must not end the process from a thread; the device
+            // is then left out.
+            try {
+                key = probe(uri);
+            } catch (...) {
+            }
+            std::lock_guard<std::mutex> done(round->lock);
+            round->keys[i] = std::move(key);
+            --round->running;
+            round->finished.notify_all();
+        }).detach();
     }
-    for (auto& worker : workers)
-        worker.join();
+    round->finished.wait_for(guard, ProbeDeadline, [&] { return round->running == 0; });
+    return round->keys;
 }
 
 } // namespace
@@ -111,15 +160,17 @@ DeviceMap CupsInterface::getDevices()
     if (status != IPP_STATUS_OK)
         throw std::runtime_error(cupsErrorText());
 
-    std::vector<std::string> keys(reports.size());
-    runConcurrently(reports.size(), ProbeThreads, [&](size_t i) {
-        // An exception must not end the process from a worker thread; the
-        // device is then left out.
-        try {
-            keys[i] = reports[i].needsProbe ? probe(reports[i].uri) : reports[i].uri;
-        } catch (...) {
-        }
-    });
+    std::vector<std::string> probed(reports.size());
+    for (size_t i = 0; i < reports.size(); ++i) {
+        if (reports[i].needsProbe)
+            probed[i] = reports[i].uri;
+    }
+    std::vector<std::string> keys = probeAll(probed);
+    for (size_t i = 0; i < reports.size(); ++i) {
+        if (!reports[i].needsProbe)
+            keys[i] = reports[i].uri;
+    }
+    nameAnnouncedPrinters(reports, keys);
     // Filled in report order, so the first report of a URI wins whatever
     // order the probes ended in.
     DeviceMap devices;

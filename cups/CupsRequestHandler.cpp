@@ -12,11 +12,14 @@ namespace Kestrel::Private {
 namespace {
 
 constexpr int RemoteTimeoutMs = 30000;
+// Probes of network devices: a printer answers IPP in milliseconds, and a scan
+// must not wait long on a device that accepts a connection and stays silent.
+constexpr int ProbeConnectTimeoutMs = 2000;
 // Bounds on each wait for the peer to take or send data: a scheduler or a
 // printer that accepts a connection and never answers would otherwise hold
 // the caller for about a minute per request, the bus thread included.
 constexpr double SchedulerWaitSeconds = 10;
-constexpr double PrinterWaitSeconds = 10;
+constexpr double PrinterWaitSeconds = 2;
 constexpr int SchedulerConnectTimeoutMs = 10000;
 constexpr size_t UriBufferSize = 1024;
 
@@ -148,14 +151,16 @@ void CupsRequestHandler::connectRemote(std::string_view host, int port)
         return;
     }
     std::string hostText(host);
-    http_t* http = bounded(httpConnect2(hostText.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_IF_REQUESTED,
-                                        1, RemoteTimeoutMs, nullptr),
-                           PrinterWaitSeconds);
-    if (!http)
+    // Created unconnected, so that the bound also covers the TLS handshake
+    // the library starts itself on port 443.
+    HttpPtr http(bounded(httpConnect2(hostText.c_str(), port, nullptr, AF_UNSPEC, HTTP_ENCRYPTION_IF_REQUESTED, 1, 0,
+                                      nullptr),
+                         PrinterWaitSeconds));
+    if (!http || httpReconnect2(http.get(), ProbeConnectTimeoutMs, nullptr) != 0)
         throw std::runtime_error("failed to establish connection with remote server.");
     remoteHost = std::move(hostText);
     remotePort = port;
-    connection.reset(http);
+    connection = std::move(http);
 }
 
 void CupsRequestHandler::connectPrinter(const std::string& host, int port, bool encrypted, int boundMs)

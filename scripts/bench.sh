@@ -9,13 +9,26 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build=$(cd "${KESTREL_BUILD_DIR:-build}" && pwd)
 export KESTREL_BUILD_DIR=$build
 
-# Inside the world: the system-log stand-in, then every benchmark.
-if [ "${1:-}" = --in-world ]; then
+start_system_log() {
     "$build/bench/system-log-stand-in" &
     for attempt in $(seq 500); do
         busctl --system status ru.quentis.SystemLogs >/dev/null 2>&1 && break
         sleep 0.01
     done
+}
+
+# A world with the printer host (KESTREL_NETWORK=1): scans with a printer
+# announced by DNS-SD, alone and beside silent devices.
+if [ "${1:-}" = --in-network-world ]; then
+    start_system_log
+    bash bench/silent-devices.sh 4
+    "$build/bench/scan-benchmark" announced 1 4
+    exit 0
+fi
+
+# Inside the world: the system-log stand-in, then every benchmark.
+if [ "${1:-}" = --in-world ]; then
+    start_system_log
     "$build/bench/memory-benchmark" fresh
     "$build/bench/idle-benchmark"
     "$build/bench/bus-latency-benchmark"
@@ -47,6 +60,7 @@ export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT
 bash tests/world/run-in-world.sh bash scripts/bench.sh --in-world | tee "$output"
+KESTREL_NETWORK=1 bash tests/world/run-in-world.sh bash scripts/bench.sh --in-network-world | tee -a "$output"
 
 echo
 {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # One session with the kestrel-print client, run by scripts/demo.sh inside
 # the test world: starts the system-log stand-in and the daemon, then finds,
-# adds, inspects, prints to, renames and removes a printer. Every command is
+# adds, inspects, prints to, renames and removes a printer, then finds and
+# prints to a printer announced on the network by DNS-SD. Every command is
 # shown as typed, followed by its output. Any failed step ends the session
 # with a non-zero status and the service logs.
 set -euo pipefail
@@ -244,6 +245,30 @@ echo
 typed lpstat -v
 lpstat -v 2>&1 | tee "$output" || true
 ! grep -qF "$queue" "$output" || fail "the CUPS queue $queue is still there"
+echo
+echo "=== a printer announced on the network"
+note "A printer host on a link of its own announces RemotePrinter by DNS-SD; the scan lists it by its service name:"
+remote_uri() {
+    kestrel-print --json scan | grep -o '"uri":"ipp://RemotePrinter[^"]*"' | cut -d '"' -f 4
+}
+# The device's avahi-daemon hears of the printer within a few seconds.
+wait_for "the scan did not list RemotePrinter" 60 bash -c "$(declare -f remote_uri); [ -n \"\$(remote_uri)\" ]"
+show kestrel-print scan
+uri=$(grep -o 'ipp://RemotePrinter[^ ]*' "$output" | head -n 1)
+[ -n "$uri" ] || fail "the scan did not show RemotePrinter"
+show kestrel-print add "$uri" Lobby
+show kestrel-print attributes Lobby
+write_pdf notice.pdf 1
+show kestrel-print print notice.pdf --printer Lobby
+remote_printed() {
+    [ -n "$(ls "$KESTREL_REMOTE_SPOOL"/*.pdf 2>/dev/null)" ]
+}
+wait_for "no document reached the printer host" 60 remote_printed
+note "At the printer host:"
+show ls "$KESTREL_REMOTE_SPOOL"
+# Lobby stays: this scheduler (CUPS 2.4) aborts when a DNS-SD queue that
+# has printed is deleted.
+
 note "What the service told the system log:"
 show cat "$events"
 grep -q 'printer-added' "$events" || fail "no printer-added event was logged"

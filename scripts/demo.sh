@@ -2,7 +2,8 @@
 # The Kestrel print service in action, on a fresh Debian 12 machine as root:
 # installs the packages, builds into build-demo/, and runs one session with
 # the kestrel-print client inside the throw-away test world (private system
-# bus, real cupsd, a simulated IPP printer). Exits non-zero on any failed
+# bus, real cupsd, a simulated IPP printer, and a printer host on a network
+# of its own announcing an IPP printer by DNS-SD). Exits non-zero on any failed
 # step, and checks at the end that nothing the demo started is still alive.
 set -euo pipefail
 
@@ -34,7 +35,7 @@ rm -f "$pidns_file"
 
 echo "=== starting the test world"
 status=0
-KESTREL_DEMO_RUN=$run_mark bash tests/world/run-in-world.sh bash scripts/demo-session.sh "$build" "$pidns_file" || status=$?
+KESTREL_DEMO_RUN=$run_mark KESTREL_NETWORK=1 bash tests/world/run-in-world.sh bash scripts/demo-session.sh "$build" "$pidns_file" || status=$?
 
 # Processes of the world: those in its pid namespace, and anything else
 # that carries this run's mark.

@@ -11,7 +11,9 @@ packages=(
     nlohmann-json3-dev libcli11-dev help2man libgtest-dev libgmock-dev libbenchmark-dev
     # test world and demo
     cups cups-client cups-daemon cups-filters cups-ipp-utils qpdf
-    dbus-daemon dbus-bin systemd iproute2 util-linux avahi-daemon bash-completion
+    dbus-daemon dbus-bin systemd iproute2 util-linux bash-completion
+    # printers announced by DNS-SD: discovery and .local names (also at run time)
+    avahi-daemon libnss-mdns
     python3-pytest python3-dbus python3-gi python3-dbusmock strace
     # benchmarks (scripts/bench.sh: column)
     bsdextrautils

@@ -3,6 +3,7 @@
 #include "support/CurlInterface.h"
 #include "support/Diagnostics.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <stdexcept>
@@ -120,6 +121,60 @@ std::optional<DeviceMatch> matchDeviceUri(std::string_view text)
     return std::nullopt;
 }
 
+// A DNS-SD service-instance URI as the scheduler's discovery reports it:
+// "SCHEME://NAME._ipp._tcp.local" or "._ipps._tcp.local", then nothing or a
+// path. NAME is escaped, so it holds no raw space, "/", "?", "#", "@" or ":".
+struct ServiceMatch {
+    std::string_view scheme;
+    std::string_view host;
+    std::string_view name;
+    bool secure;
+};
+
+constexpr std::array<std::string_view, 3> ServiceSchemes{"ipp", "ipps", "dnssd"};
+constexpr std::string_view IppService = "._ipp._tcp.local";
+constexpr std::string_view IppsService = "._ipps._tcp.local";
+
+bool isHex(char c)
+{
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+bool isEscapedName(std::string_view name)
+{
+    if (name.empty())
+        return false;
+    for (size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        if (c <= ' ' || c >= 0x7f || std::string_view("/?#@:").find(c) != std::string_view::npos)
+            return false;
+        if (c == '%' && (i + 2 >= name.size() || !isHex(name[i + 1]) || !isHex(name[i + 2])))
+            return false;
+    }
+    return true;
+}
+
+std::optional<ServiceMatch> matchServiceUri(std::string_view text)
+{
+    const size_t separator = text.find(SchemeSeparator);
+    if (separator == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view scheme = text.substr(0, separator);
+    if (std::find(ServiceSchemes.begin(), ServiceSchemes.end(), scheme) == ServiceSchemes.end())
+        return std::nullopt;
+    const std::string_view rest = text.substr(separator + SchemeSeparator.size());
+    const std::string_view host = rest.substr(0, rest.find('/'));
+    for (const std::string_view service : {IppService, IppsService}) {
+        if (host.size() <= service.size() || host.substr(host.size() - service.size()) != service)
+            continue;
+        const std::string_view name = host.substr(0, host.size() - service.size());
+        if (!isEscapedName(name))
+            return std::nullopt;
+        return ServiceMatch{scheme, host, name, service == IppsService};
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 const std::unordered_map<std::string, int32_t>& Uri::protocols()
@@ -150,8 +205,10 @@ Uri::Uri(const std::string& text, std::shared_ptr<CurlInterface> curl)
     uriText = removeWhitespace(unescaped);
 
     std::optional<DeviceMatch> match = matchDeviceUri(uriText);
-    if (!match)
-        throw std::invalid_argument("invalid uri scheme");
+    if (!match) {
+        setService(text);
+        return;
+    }
     auto protocol = protocols().find(match->scheme);
     if (protocol == protocols().end())
         throw std::invalid_argument("protocol is not supported");
@@ -163,6 +220,19 @@ Uri::Uri(const std::string& text, std::shared_ptr<CurlInterface> curl)
         modelOrAddressText = std::move(*match->address);
     else
         throw std::invalid_argument("failed to extract model or ip");
+}
+
+// The scheduler takes the URI as discovery reported it, escapes included.
+void Uri::setService(const std::string& text)
+{
+    const std::optional<ServiceMatch> match = matchServiceUri(text);
+    if (!match)
+        throw std::invalid_argument("invalid uri scheme");
+    uriText = text;
+    protocolNumber = protocols().at(std::string(match->scheme));
+    serviceNameText = std::string(match->name);
+    modelOrAddressText = std::string(match->host);
+    secureService = match->secure;
 }
 
 } // namespace Kestrel::Private

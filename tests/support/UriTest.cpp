@@ -61,6 +61,13 @@ TEST(UriTest, DeviceUrisGiveProtocolAndModelOrAddressOrTheirFailure)
         // A single-digit last run leaves the wildcard nothing to take.
         {"socket://1.2.3.4", failure("invalid uri scheme")},
         {"lpd://host/queue?serial=7", failure("protocol is not supported")},
+        // Announced printers keep their escaped service name; other names stay refused.
+        {"ipp://My%20Printer._ipp._tcp.local/", {"", "ipp://My%20Printer._ipp._tcp.local/", "My%20Printer._ipp._tcp.local", 1}},
+        {"dnssd://P._ipps._tcp.local/?uuid=1", {"", "dnssd://P._ipps._tcp.local/?uuid=1", "P._ipps._tcp.local", 0}},
+        {"ipp://printer.local/ipp/print", failure("invalid uri scheme")},
+        {"socket://P._ipp._tcp.local", failure("invalid uri scheme")},
+        {"ipp://My Printer._ipp._tcp.local/", failure("invalid uri scheme")},
+        {"ipps://P._printer._tcp.local/", failure("invalid uri scheme")},
     };
     for (const auto& [uri, expected] : cases)
         EXPECT_EQ(parse(uri), expected) << uri;

@@ -131,7 +131,9 @@ def shell(command):
 
 
 def queues():
-    return [line for line in shell("lpstat -e").splitlines() if line]
+    # The scheduler's own queues: "lpstat -e" would add printers announced on the network.
+    listing = subprocess.run(["lpstat", "-v"], capture_output=True, text=True).stdout
+    return [line.removeprefix("device for ").split(": ", 1)[0] for line in listing.splitlines()]
 
 
 def printed_documents():

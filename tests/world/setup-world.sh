@@ -67,7 +67,10 @@ echo "ServerName /run/cups/cups.sock" >/etc/cups/client.conf
 # Backends for queues stay; the ones that search the network go, so a
 # discovery is offline and quick. kestrel-devices reports the fake devices.
 cp -a "$original/backend/." /usr/lib/cups/backend/
-rm -f /usr/lib/cups/backend/{snmp,dnssd,mdns,driverless,driverless-fax}
+rm -f /usr/lib/cups/backend/{snmp,mdns,driverless-fax}
+# With KESTREL_NETWORK=1 the world has a printer host on a network of its own
+# (printer-host), found through the stock DNS-SD backends.
+[ "${KESTREL_NETWORK:-}" = 1 ] || rm -f /usr/lib/cups/backend/{dnssd,driverless}
 install -m 0755 "$here/kestrel-devices" /usr/lib/cups/backend/kestrel-devices
 
 # The service sends absolute PPD paths; cups-driverd resolves them below
@@ -100,10 +103,23 @@ LAUNCHER
 fi
 
 dbus-daemon --config-file="$here/system-bus.conf" --fork || fail "dbus-daemon failed to start"
+if [ "${KESTREL_NETWORK:-}" = 1 ]; then
+    export KESTREL_REMOTE_SPOOL=$KESTREL_WORLD_DIR/remote-spool
+    # DNS-SD names are resolved through avahi on the bus, .local host names
+    # through nsswitch; the machine's own nsswitch.conf stays as it is.
+    sed 's/^hosts:.*/hosts: files mdns4_minimal [NOTFOUND=return] dns/' /etc/nsswitch.conf >"$KESTREL_WORLD_DIR/nsswitch.conf"
+    mount --bind "$KESTREL_WORLD_DIR/nsswitch.conf" /etc/nsswitch.conf
+    mkdir -p /run/avahi-daemon
+    avahi-daemon --no-drop-root --no-chroot --no-rlimits -D || fail "avahi-daemon failed to start"
+    "$here/printer-host" 10.78.0.2
+fi
 # Started from subshells, not as our jobs, as tests stop and restart them.
 # cupsd keeps off the bus: its D-Bus notifier can abort the scheduler when a
-# queue is deleted moments after it was set up.
-export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent cupsd -f"
+# queue is deleted moments after it was set up. With the printer host it needs
+# the bus to resolve DNS-SD names when it sets a driverless queue up.
+bus=unix:path=/nonexistent
+[ "${KESTREL_NETWORK:-}" = 1 ] && bus=unix:path=/run/dbus/system_bus_socket
+export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=$bus cupsd -f"
 ($KESTREL_SCHEDULER >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
 export KESTREL_PRINTER_START="$here/simulated-printer"
 ("$KESTREL_PRINTER_START" &)
