@@ -1,8 +1,10 @@
 #include "printing/JobController.h"
 
 #include "printing/PrintController.h"
+#include "support/CurlInterface.h"
 #include "support/DatabaseManager.h"
 #include "support/SystemInterface.h"
+#include "support/Uri.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -16,9 +18,18 @@ std::runtime_error noSuchJob(int id)
     return std::runtime_error("there is no job " + std::to_string(id));
 }
 
+// A printer the service can ask itself, by its address. One announced by
+// DNS-SD is named by a service that only the scheduler's backends resolve,
+// so its queue speaks for it.
 bool isNetworkPrinter(const std::string& uri)
 {
-    return uri.rfind("ipp://", 0) == 0 || uri.rfind("ipps://", 0) == 0;
+    if (uri.rfind("ipp://", 0) != 0 && uri.rfind("ipps://", 0) != 0)
+        return false;
+    try {
+        return Uri(uri, std::make_shared<CurlInterface>()).serviceName().empty();
+    } catch (const std::exception&) {
+        return true;
+    }
 }
 
 // The queue says whether jobs may go on; the printer itself what it lacks.
