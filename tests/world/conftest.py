@@ -78,6 +78,14 @@ def call(interface, method, *args, user=None, groups=(), timeout=60, destination
         finally:
             if private:
                 bus.close()
+    outcome = as_user(user, groups, lambda: _call(private_bus(), *target))
+    if isinstance(outcome, BusError):
+        raise outcome
+    return outcome
+
+
+def as_user(user, groups, work):
+    """What work() returns (or the BusError it raises), run in a child process as `user` with the given groups."""
     read, write = os.pipe()
     if os.fork() == 0:
         try:
@@ -85,7 +93,7 @@ def call(interface, method, *args, user=None, groups=(), timeout=60, destination
             os.setgid(user)
             os.setuid(user)
             try:
-                outcome = _call(private_bus(), *target)
+                outcome = work()
             except BusError as error:
                 outcome = error
             os.write(write, pickle.dumps(outcome))
@@ -95,8 +103,6 @@ def call(interface, method, *args, user=None, groups=(), timeout=60, destination
     with os.fdopen(read, "rb") as result:
         outcome = pickle.loads(result.read())
     os.wait()
-    if isinstance(outcome, BusError):
-        raise outcome
     return outcome
 
 

@@ -2,7 +2,6 @@
 cancel, printer states (a paused queue, a silent network printer), a limit per caller and jobs kept across restarts."""
 import grp
 import os
-import pickle
 import socket
 import threading
 import time
@@ -10,7 +9,7 @@ import time
 import dbus
 from gi.repository import GLib
 
-from conftest import (BUS_NAME, JOBS, NOBODY, OBJECT_PATH, call, error_of, print_document, printed_documents,
+from conftest import (BUS_NAME, JOBS, NOBODY, OBJECT_PATH, as_user, call, error_of, print_document, printed_documents,
                       private_bus, plain, shell, stop_daemon, stop_printer, wait_for, write_pdf)
 
 OTHER = 1
@@ -33,27 +32,17 @@ def listen(bus, member, received):
 
 def follow(path, printer, user):
     """Submits as `user` on a connection of its own and collects its jobChanged signals until the job ends."""
-    read, write = os.pipe()
-    if os.fork() == 0:
-        try:
-            os.setgroups([])
-            os.setgid(user)
-            os.setuid(user)
-            bus, changes = private_bus(), []
-            listen(bus, "jobChanged", changes)
-            proxy = bus.get_object(BUS_NAME, OBJECT_PATH)
-            job = int(proxy.submit(str(path), printer, dbus.Dictionary({}, signature="ss"), dbus_interface=JOBS))
-            deadline = time.monotonic() + 120
-            while time.monotonic() < deadline and not (changes and changes[-1][0]["state"] in ("completed", "aborted")):
-                GLib.MainContext.default().iteration(True)
-            os.write(write, pickle.dumps((job, [change[0] for change in changes])))
-        finally:
-            os._exit(0)
-    os.close(write)
-    with os.fdopen(read, "rb") as result:
-        outcome = pickle.loads(result.read())
-    os.wait()
-    return outcome
+    def submit_and_listen():
+        bus, changes = private_bus(), []
+        listen(bus, "jobChanged", changes)
+        proxy = bus.get_object(BUS_NAME, OBJECT_PATH)
+        job = int(proxy.submit(str(path), printer, dbus.Dictionary({}, signature="ss"), dbus_interface=JOBS))
+        deadline = time.monotonic() + 120
+        while time.monotonic() < deadline and not (changes and changes[-1][0]["state"] in ("completed", "aborted")):
+            GLib.MainContext.default().iteration(True)
+        return job, [change[0] for change in changes]
+
+    return as_user(user, [], submit_and_listen)
 
 
 def hidden(method, job, **kwargs):
@@ -124,7 +113,7 @@ def test_a_paused_queue_holds_a_job_until_its_owner_cancels_it_and_says_so(offic
 def test_a_network_printer_that_does_not_answer_reads_offline_within_five_seconds(office):
     stop_printer()
     # Accepts connections and never answers, like a printer that hangs.
-    with socket.create_server(("127.0.0.1", 631)) as silent:
+    with socket.create_server(("127.0.0.1", 631)):
         started = time.monotonic()
         state = jobs("getPrinterState", office, user=NOBODY)
         assert time.monotonic() - started < 5
