@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -122,19 +121,9 @@ std::runtime_error openFailure(const std::string& path, int error)
     return std::runtime_error("file " + path + " cannot be opened: " + std::strerror(error));
 }
 
-// Whether the calling thread may override file ownership (the sticky rule's
-// exception); false once the caller's fsuid has dropped the capability.
-bool mayOverrideOwnership()
-{
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    if (::syscall(SYS_capget, &header, data) != 0)
-        return false;
-    return data[CAP_TO_INDEX(CAP_FOWNER)].effective & CAP_TO_MASK(CAP_FOWNER);
-}
-
 // The kernel's own test for the directory (write and search, read-only
 // mounts included), then the sticky rule, which no system call can be asked.
+// The daemon holds no CAP_FOWNER, so ownership decides for root as well.
 bool mayRemove(const CallerCredentials& caller, const Document& document)
 {
     if (::faccessat(document.directory(), "", W_OK | X_OK, AT_EACCESS | AT_EMPTY_PATH) != 0)
@@ -144,8 +133,7 @@ bool mayRemove(const CallerCredentials& caller, const Document& document)
     if (::fstat(document.directory(), &directory) != 0
         || ::fstatat(document.directory(), document.name().c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
-    return !(directory.st_mode & S_ISVTX) || entry.st_uid == caller.uid || directory.st_uid == caller.uid
-           || mayOverrideOwnership();
+    return !(directory.st_mode & S_ISVTX) || entry.st_uid == caller.uid || directory.st_uid == caller.uid;
 }
 
 } // namespace
