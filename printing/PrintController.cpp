@@ -60,11 +60,16 @@ int PrintController::print(const CallerCredentials& caller, const std::string& p
     // Every check on the document is made here, before anything reaches CUPS.
     const auto document = copy ? std::move(*copy) : logFailures([&] { return system->openDocument(caller, path); });
     reserveSlot(caller.uid);
-    const Finally release{[&] { releaseSlot(caller.uid); }};
-    const int jobId = createJob(document, cupsName, parameters);
+    int jobId = 0;
+    try {
+        jobId = createJob(document, cupsName, parameters);
+    } catch (...) {
+        releaseSlot(caller.uid);
+        throw;
+    }
     try {
         const auto name = std::filesystem::path(path).filename().string();
-        store->add({jobId, caller.uid, cupsName, printer, name, std::time(nullptr)});
+        recordJob({jobId, caller.uid, cupsName, printer, name, std::time(nullptr)});
         sendDocument(caller, document, cupsName, jobId);
     } catch (...) {
         // A job without its document would wait in the scheduler for ever.
@@ -78,7 +83,7 @@ int PrintController::print(const CallerCredentials& caller, const std::string& p
 
 // Counted from the scheduler's own list, so jobs of earlier runs count too.
 // Taken under a lock and held until the job is in the store: however fast
-// the calls come, none slips past the limit.
+// the calls come, none slips past the limit, and none is counted twice.
 void PrintController::reserveSlot(uid_t owner)
 {
     std::lock_guard<std::mutex> lock(slotMutex);
@@ -101,6 +106,19 @@ void PrintController::reserveSlot(uid_t owner)
 void PrintController::releaseSlot(uid_t owner)
 {
     std::lock_guard<std::mutex> lock(slotMutex);
+    freeSlot(owner);
+}
+
+// The slot becomes the stored job in one step, so no reservation sees both.
+void PrintController::recordJob(const JobRecord& job)
+{
+    std::lock_guard<std::mutex> lock(slotMutex);
+    const Finally release{[&] { freeSlot(job.owner); }};
+    store->add(job);
+}
+
+void PrintController::freeSlot(uid_t owner)
+{
     if (--starting[owner] == 0)
         starting.erase(owner);
 }

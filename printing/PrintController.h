@@ -14,6 +14,7 @@ namespace Kestrel::Private {
 class CupsInterface;
 class CupsJobs;
 class JobStore;
+struct JobRecord;
 class DatabaseManager;
 class SystemInterface;
 
@@ -44,6 +45,8 @@ private:
     void restartStoppedQueue(const std::string& cupsName);
     void reserveSlot(uid_t owner);
     void releaseSlot(uid_t owner);
+    void recordJob(const JobRecord& job);
+    void freeSlot(uid_t owner);
     void cancelQuietly(const std::string& cupsName, int jobId);
     void sendDocument(const CallerCredentials& caller, const Document& document, const std::string& cupsName,
                       int jobId);
