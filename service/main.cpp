@@ -23,9 +23,12 @@ constexpr auto StopBound = std::chrono::seconds(5);
 
 int main()
 {
-    // Every worker would otherwise bring a malloc arena of its own, which
-    // keeps its memory after a burst of calls.
-    mallopt(M_ARENA_MAX, 2);
+    // Workers would otherwise bring malloc arenas of their own, and free
+    // memory at the top of any but the first is never given back. Fixed
+    // thresholds keep big buffers out of the heap and trim it eagerly.
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);
     Kestrel::Private::CurlInterface::setUpLibrary();
     // Blocked before any thread starts, so every thread inherits the mask
     // and the stop signals reach only the sigwait below.

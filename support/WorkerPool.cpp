@@ -4,33 +4,40 @@
 
 namespace Kestrel::Private {
 
-WorkerPool::WorkerPool(size_t threadCount, size_t backlog)
-    : backlog(backlog)
+WorkerPool::WorkerPool(size_t maxThreads, size_t backlog, Clock::duration idleLimit)
+    : maxThreads(maxThreads)
+    , backlog(backlog)
+    , idleLimit(idleLimit)
 {
-    threads.reserve(threadCount);
-    for (size_t i = 0; i < threadCount; ++i)
-        threads.emplace_back([this] { work(); });
 }
 
 WorkerPool::~WorkerPool()
 {
     // Tasks hold references into their owners: nothing may outlive the pool.
-    stop(std::chrono::steady_clock::time_point::max());
+    stop(Clock::time_point::max());
 }
 
 bool WorkerPool::post(Task task, Task refuse)
 {
+    std::vector<std::thread> done;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping || waiting.size() >= backlog)
             return false;
         waiting.push_back({std::move(task), std::move(refuse)});
+        done.swap(ended);
+        if (idle < waiting.size() && threads.size() < maxThreads) {
+            std::thread thread([this] { work(); });
+            const auto id = thread.get_id();
+            threads.emplace(id, std::move(thread));
+        }
     }
     changed.notify_one();
+    joinEnded(std::move(done));
     return true;
 }
 
-bool WorkerPool::stop(std::chrono::steady_clock::time_point deadline)
+bool WorkerPool::stop(Clock::time_point deadline)
 {
     std::deque<Entry> refused;
     {
@@ -43,18 +50,20 @@ bool WorkerPool::stop(std::chrono::steady_clock::time_point deadline)
         if (entry.refuse)
             entry.refuse();
     }
+    std::vector<std::thread> done;
     {
         std::unique_lock<std::mutex> lock(mutex);
-        const auto idle = [this] { return running == 0; };
-        if (deadline == std::chrono::steady_clock::time_point::max())
-            changed.wait(lock, idle);
-        else if (!changed.wait_until(lock, deadline, idle))
+        const auto idleNow = [this] { return running == 0; };
+        if (deadline == Clock::time_point::max())
+            changed.wait(lock, idleNow);
+        else if (!changed.wait_until(lock, deadline, idleNow))
             return false;
+        done.swap(ended);
+        for (auto& [id, thread] : threads)
+            done.push_back(std::move(thread));
+        threads.clear();
     }
-    for (auto& thread : threads) {
-        if (thread.joinable())
-            thread.join();
-    }
+    joinEnded(std::move(done));
     return true;
 }
 
@@ -64,13 +73,46 @@ bool WorkerPool::stopped()
     return stopping;
 }
 
+size_t WorkerPool::threadCount()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return threads.size();
+}
+
+void WorkerPool::joinEnded(std::vector<std::thread> done)
+{
+    for (auto& thread : done)
+        thread.join();
+}
+
 void WorkerPool::work()
 {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        changed.wait(lock, [this] { return stopping || !waiting.empty(); });
-        if (waiting.empty())
+        ++idle;
+        const bool woken = changed.wait_for(lock, idleLimit, [this] { return stopping || !waiting.empty(); });
+        --idle;
+        if (stopping && waiting.empty())
             return;
+        if (!woken) {
+            // Ends on its own; its thread-local connection and buffers go with it.
+            const auto self = threads.find(std::this_thread::get_id());
+            std::thread me = std::move(self->second);
+            threads.erase(self);
+            if (!threads.empty()) {
+                ended.push_back(std::move(me));
+                return;
+            }
+            // The last one out waits for the others to be gone, then gives
+            // back what they freed; what it holds itself is small.
+            std::vector<std::thread> others;
+            others.swap(ended);
+            ended.push_back(std::move(me));
+            lock.unlock();
+            joinEnded(std::move(others));
+            malloc_trim(0);
+            return;
+        }
         Entry entry = std::move(waiting.front());
         waiting.pop_front();
         ++running;
@@ -79,13 +121,8 @@ void WorkerPool::work()
         entry = {};
         lock.lock();
         --running;
-        if (running > 0 || !waiting.empty())
-            continue;
-        changed.notify_all();
-        // A burst of calls leaves free memory in the arenas; idle, the pool gives it back.
-        lock.unlock();
-        malloc_trim(0);
-        lock.lock();
+        if (running == 0 && waiting.empty())
+            changed.notify_all();
     }
 }
 
