@@ -7,7 +7,7 @@ packages=(
     # build
     build-essential cmake pkgconf
     libsdbus-c++-dev libsdbus-c++-bin libsystemd-dev
-    libcups2-dev libsqlitecpp-dev libsqlite3-dev libcurl4-openssl-dev libre2-dev libcap-ng-dev
+    libcups2-dev libsqlitecpp-dev libsqlite3-dev libcurl4-openssl-dev libcap-ng-dev
     nlohmann-json3-dev libcli11-dev help2man libgtest-dev libgmock-dev libbenchmark-dev
     # test world and demo
     cups cups-client cups-daemon cups-filters cups-ipp-utils qpdf

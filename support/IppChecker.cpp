@@ -3,9 +3,9 @@
 #include "cups/CupsRequestHandler.h"
 #include "support/Diagnostics.h"
 
-#include <re2/re2.h>
-
+#include <algorithm>
 #include <exception>
+#include <string_view>
 
 namespace Kestrel::Private {
 
@@ -15,25 +15,59 @@ constexpr int IppPort = 631;
 constexpr int IppsPort = 443;
 const std::string VersionsAttribute = "ipp-versions-supported";
 
-// RE2 in Latin-1 mode with "." spelled [^\n\r] gives the ECMAScript results
-// in linear time; a recursive matcher would overflow on long URIs.
-std::string replaceScheme(std::string uri, const char* scheme)
+bool isLineBreak(char c)
 {
-    static const RE2 schemePattern("[^\n\r]*://", RE2::Latin1);
-    RE2::GlobalReplace(&uri, schemePattern, scheme);
-    return uri;
+    return c == '\n' || c == '\r';
 }
 
-// The whole match is "ipp://" followed by the address group, so the
-// match bounds alone give the group without submatch tracking.
+// The ECMAScript global replace of "(.*)://": on each line, everything up
+// to its last "://" becomes the new scheme ("." stops at line breaks).
+// Written out because a backtracking matcher overflows on long URIs.
+std::string replaceScheme(const std::string& uri, const char* scheme)
+{
+    std::string result;
+    size_t lineStart = 0;
+    while (lineStart <= uri.size()) {
+        const size_t lineEnd = std::min(uri.find_first_of("\n\r", lineStart), uri.size());
+        const std::string_view line(uri.data() + lineStart, lineEnd - lineStart);
+        const size_t separator = line.rfind("://");
+        if (separator == std::string_view::npos)
+            result += line;
+        else
+            result.append(scheme).append(line.substr(separator + 3));
+        if (lineEnd == uri.size())
+            break;
+        result += uri[lineEnd];
+        lineStart = lineEnd + 1;
+    }
+    return result;
+}
+
+// The first ECMAScript match of "ipp://(([0-9]*.){4})", group 1. Each of
+// the four runs takes its digits and the character after them, giving back
+// just enough for the runs still to come: all of them must fit on the line.
 std::string findAddress(const std::string& ippUri)
 {
-    static const RE2 addressPattern("ipp://(?:[0-9]*[^\n\r]){4}", RE2::Latin1);
-    static const size_t prefixLength = std::string_view("ipp://").size();
-    re2::StringPiece match;
-    if (!addressPattern.Match(ippUri, 0, ippUri.size(), RE2::UNANCHORED, &match, 1))
-        return {};
-    return std::string(match.substr(prefixLength));
+    constexpr std::string_view prefix = "ipp://";
+    constexpr size_t runs = 4;
+    for (size_t at = ippUri.find(prefix); at != std::string::npos; at = ippUri.find(prefix, at + 1)) {
+        const size_t start = at + prefix.size();
+        size_t lineEnd = start;
+        while (lineEnd < ippUri.size() && !isLineBreak(ippUri[lineEnd]))
+            ++lineEnd;
+        if (lineEnd - start < runs)
+            continue;
+        size_t position = start;
+        for (size_t left = runs; left > 0; --left) {
+            size_t digitsEnd = position;
+            while (digitsEnd < lineEnd && ippUri[digitsEnd] >= '0' && ippUri[digitsEnd] <= '9')
+                ++digitsEnd;
+            const size_t greedyEnd = digitsEnd < lineEnd ? digitsEnd + 1 : digitsEnd;
+            position = std::min(greedyEnd, lineEnd - (left - 1));
+        }
+        return ippUri.substr(start, position - start);
+    }
+    return {};
 }
 
 } // namespace
