@@ -4,23 +4,48 @@
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"
+#include "support/WorkerPool.h"
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 using namespace Kestrel::Bench;
 
 namespace {
 
-// The named field of /proc/PID/smaps_rollup, in kB.
-double rollup(pid_t pid, const std::string& field)
+// The named field of a /proc/PID file such as smaps_rollup (in kB there).
+double procField(pid_t pid, const std::string& name, const std::string& field)
 {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/smaps_rollup");
+    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
     for (std::string line; std::getline(file, line);) {
         if (line.rfind(field + ":", 0) == 0)
             return std::stod(line.substr(field.size() + 1));
     }
     return 0;
+}
+
+int threadCount(pid_t pid)
+{
+    return static_cast<int>(procField(pid, "status", "Threads"));
+}
+
+// Workers end a while after their last call; idle means none is left, so
+// wait until the thread count has held still for longer than that.
+void waitUntilIdle(pid_t pid)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto still = Kestrel::Private::WorkerPool::DefaultIdleLimit + std::chrono::seconds(1);
+    int count = threadCount(pid);
+    for (auto since = Clock::now(); Clock::now() - since < still;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const int now = threadCount(pid);
+        if (now != count) {
+            count = now;
+            since = Clock::now();
+        }
+    }
 }
 
 } // namespace
@@ -34,8 +59,9 @@ int main(int argc, char* argv[])
     client.savedPrinters();
     const pid_t daemon = client.ownerPid("ru.zorv.print");
     const pid_t anchor = client.ownerPid("ru.quentis.SystemLogs");
+    waitUntilIdle(daemon);
     for (const char* field : {"Rss", "Pss"})
-        Measure::report(std::string("idle daemon ") + field + moment, rollup(daemon, field),
-                        std::string("system-log stand-in ") + field, rollup(anchor, field), "kB");
+        Measure::report(std::string("idle daemon ") + field + moment, procField(daemon, "smaps_rollup", field),
+                        std::string("system-log stand-in ") + field, procField(anchor, "smaps_rollup", field), "kB");
     return 0;
 }
