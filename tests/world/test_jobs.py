@@ -143,5 +143,9 @@ def test_a_caller_is_stopped_at_its_limit_however_fast_it_prints_and_others_stil
     assert len(refusals) == 6 and set(refusals) == {
         f"too many active print jobs: a user may have at most {LIMIT} jobs waiting or printing; "
         "wait for some to end or cancel them"}
-    assert len(jobs("getJobs", user=NOBODY)) == LIMIT
+    listed = jobs("getJobs", user=NOBODY)
+    assert len(listed) == LIMIT
+    # One job canceled among waiting ones: each job reads its own state.
+    jobs("cancelJob", listed[-1]["id"], user=NOBODY)
+    assert [j["state"] for j in jobs("getJobs", user=NOBODY)] == ["pending"] * (LIMIT - 1) + ["canceled"]
     submit(write_pdf(documents / "other.pdf"), office)
