@@ -2,7 +2,8 @@
 // object, at 0, 100, 1,000 and 10,000 saved printers; then the latency of
 // getSavedPrinters and getPrinterAttributes while another client waits on a
 // silent printer, a huge document, a frozen scheduler or a silent system
-// log, against the same calls on an idle service; and getPrinterAttributes
+// log, against the same calls on an idle service, each beside a bare round
+// trip to the bus daemon at the same moments; and getPrinterAttributes
 // throughput with 1, 4 and 16 clients.
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
@@ -51,16 +52,40 @@ struct Latency {
     double worst;
 };
 
-// A call that fails (a service that kept it past the bus's time-out) counts with the time it took.
-Latency latency(const std::function<void()>& call)
+Latency summary(const std::vector<double>& samples)
 {
-    const auto samples = Measure::samplesMilliseconds(Rounds, [&] {
+    return {Measure::median(samples), *std::max_element(samples.begin(), samples.end())};
+}
+
+// A call that fails (a service that kept it past the bus's time-out) counts with the time it took.
+double timed(const std::function<void()>& call)
+{
+    return Measure::milliseconds([&] {
         try {
             call();
         } catch (const std::exception&) {
         }
     });
-    return {Measure::median(samples), *std::max_element(samples.begin(), samples.end())};
+}
+
+Latency latency(const std::function<void()>& call)
+{
+    std::vector<double> samples;
+    for (int round = 0; round < Rounds; ++round)
+        samples.push_back(timed(call));
+    return summary(samples);
+}
+
+// The call and a bare round trip to the bus daemon, alternately: the round
+// trip shows what the machine's load alone costs at the same moments.
+std::pair<Latency, Latency> latencyBesideBus(ServiceClient& client, const std::function<void()>& call)
+{
+    std::vector<double> calls, bus;
+    for (int round = 0; round < Rounds; ++round) {
+        calls.push_back(timed(call));
+        bus.push_back(timed([&] { client.busRoundTrip(); }));
+    }
+    return {summary(calls), summary(bus)};
 }
 
 // Another client's call runs on its own connection while the figures are taken.
@@ -133,11 +158,12 @@ private:
 };
 
 void reportLatency(ServiceClient& client, const std::string& condition, const Latency& idleList,
-                   const Latency* idleAttributes)
+                   const Latency* idleAttributes, const Latency& idleBus)
 {
-    const auto list = latency([&] { client.savedPrinters(); });
+    const auto [list, bus] = latencyBesideBus(client, [&] { client.savedPrinters(); });
     Measure::report("getSavedPrinters median, " + condition, list.median, "idle median", idleList.median);
     Measure::report("getSavedPrinters worst, " + condition, list.worst, "idle worst", idleList.worst);
+    Measure::report("bus daemon round trip worst, " + condition, bus.worst, "idle worst", idleBus.worst);
     if (!idleAttributes)
         return;
     const auto attributes = latency([&] { client.printerAttributes("Office"); });
@@ -173,10 +199,11 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
     client.addPrinter(printer, "Office");
     const auto idleList = latency([&] { client.savedPrinters(); });
     const auto idleAttributes = latency([&] { client.printerAttributes("Office"); });
+    const auto idleBus = latencyBesideBus(client, [&] { client.savedPrinters(); }).second;
     {
         SilentPrinter silent;
         Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Silent"); });
-        reportLatency(client, "(a) beside an add of a silent printer", idleList, &idleAttributes);
+        reportLatency(client, "(a) beside an add of a silent printer", idleList, &idleAttributes, idleBus);
     }
     {
         // Sparse, and non-ASCII, so the service copies it before sending.
@@ -184,7 +211,7 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
         std::ofstream(document) << "%PDF-1.4\n";
         ::truncate(document.c_str(), 300L << 20);
         Meanwhile printing([&](ServiceClient& other) { other.print(document, "Office"); });
-        reportLatency(client, "(b) beside a print of 300 MB", idleList, &idleAttributes);
+        reportLatency(client, "(b) beside a print of 300 MB", idleList, &idleAttributes, idleBus);
         ::unlink(document.c_str());
     }
     // Its filters would take minutes over 300 MB, holding up the jobs of later benchmarks.
@@ -192,12 +219,12 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
     {
         Frozen scheduler(pidIn("cupsd.pid"));
         Meanwhile asking([&](ServiceClient& other) { other.printerAttributes("Office"); });
-        reportLatency(client, "(c) beside a call on a frozen scheduler", idleList, nullptr);
+        reportLatency(client, "(c) beside a call on a frozen scheduler", idleList, nullptr, idleBus);
     }
     {
         Frozen log(client.ownerPid("ru.quentis.SystemLogs"));
         Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Logged"); });
-        reportLatency(client, "(d) beside an add with a silent system log", idleList, &idleAttributes);
+        reportLatency(client, "(d) beside an add with a silent system log", idleList, &idleAttributes, idleBus);
     }
     const double single = throughput(1);
     for (int clients : {1, 4, 16})

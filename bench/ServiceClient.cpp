@@ -107,6 +107,12 @@ std::optional<std::map<std::string, std::string>> ServiceClient::scan(std::chron
     return lastScan;
 }
 
+void ServiceClient::busRoundTrip()
+{
+    std::string id;
+    busDriver->callMethod("GetId").onInterface("org.freedesktop.DBus").storeResultsTo(id);
+}
+
 pid_t ServiceClient::ownerPid(const std::string& busName)
 {
     uint32_t pid = 0;

@@ -27,6 +27,8 @@ public:
     std::string jobState(uint32_t job);
     // Starts a scan and waits for its signal; nullopt when none came in time.
     std::optional<std::map<std::string, std::string>> scan(std::chrono::seconds timeout);
+    // A call the bus daemon answers itself.
+    void busRoundTrip();
     // Process id of a name's owner on the bus.
     pid_t ownerPid(const std::string& busName);
 
