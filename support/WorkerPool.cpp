@@ -1,8 +1,26 @@
 #include "support/WorkerPool.h"
 
 #include <malloc.h>
+#include <pthread.h>
 
 namespace Kestrel::Private {
+
+namespace {
+
+// Set by the last thread out: its destructor runs after the thread's C++
+// thread-locals (its scheduler connection) and, being made late, after the
+// libraries' own per-thread keys, so the trim gives all of those back too.
+pthread_key_t trimAtThreadEnd()
+{
+    static const pthread_key_t key = [] {
+        pthread_key_t made;
+        pthread_key_create(&made, [](void*) { malloc_trim(0); });
+        return made;
+    }();
+    return key;
+}
+
+} // namespace
 
 WorkerPool::WorkerPool(size_t maxThreads, size_t backlog, Clock::duration idleLimit)
     : maxThreads(maxThreads)
@@ -104,13 +122,13 @@ void WorkerPool::work()
                 return;
             }
             // The last one out waits for the others to be gone, then gives
-            // back what they freed; what it holds itself is small.
+            // back what they and it freed.
             std::vector<std::thread> others;
             others.swap(ended);
             ended.push_back(std::move(me));
             lock.unlock();
             joinEnded(std::move(others));
-            malloc_trim(0);
+            pthread_setspecific(trimAtThreadEnd(), this);
             return;
         }
         Entry entry = std::move(waiting.front());
