@@ -295,6 +295,19 @@ def reset_world():
     DAEMON_LOG.write_text("")
 
 
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """A failed test shows the ends of the daemon's and the scheduler's logs,
+    which the world takes with it when it ends."""
+    report = (yield).get_result()
+    if report.when != "call" or not report.failed:
+        return
+    report.sections.append(("scheduler running", str(scheduler_running())))
+    for log in [DAEMON_LOG, WORLD / "cupsd.log", Path("/var/log/cups/error_log")]:
+        if log.exists():
+            report.sections.append((str(log), "\n".join(log.read_text(errors="replace").splitlines()[-30:])))
+
+
 @pytest.fixture
 def system_log():
     _require_world()

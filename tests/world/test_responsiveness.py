@@ -186,13 +186,16 @@ def test_a_pdf_under_a_write_lease_is_refused_at_once_and_the_callers_identity_n
 
 
 STOP_BOUND = 5.0
+RAW_URI = "socket://127.0.0.1:9100"
 
 
 def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(system_log, documents):
     daemon = subprocess.Popen([WORLD / "kestrel-printd"])  # the launcher the bus uses, as this test's child
     assert wait_for(lambda: daemon_pid() == daemon.pid)
     manager("addPrinter", PRINTER_URI, "Office", [])
-    burst = [in_background(manager, "addPrinter", PRINTER_URI, f"Burst {i}", []) for i in range(8)]
+    # Raw queues: Debian's cupsd 2.4.2 corrupts its heap when it sets a
+    # driverless queue up while it runs jobs, and dies mid-test.
+    burst = [in_background(manager, "addPrinter", RAW_URI, f"Burst {i}", []) for i in range(8)]
     burst += [in_background(manager, "getPrinterAttributes", "Office") for _ in range(8)]
     burst += [in_background(print_document, write_pdf(documents / f"{i}.pdf"), "Office") for i in range(4)]
     assert wait_for(lambda: len(queues()) > 1)
