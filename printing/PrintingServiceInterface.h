@@ -29,8 +29,9 @@ private:
                std::map<std::string, std::string> parameters) override;
 
     std::shared_ptr<PrintController> controller;
-    // Declared last, so its threads end before the controller goes.
-    WorkerPool prints{3, 16};
+    // Declared last, so its threads end before the controller goes. The
+    // backlog matches `submit`'s, so a batch fits whichever method sends it.
+    WorkerPool prints{3, 64};
 };
 
 } // namespace Kestrel::Private
