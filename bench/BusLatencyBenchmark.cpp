@@ -157,19 +157,36 @@ private:
     pid_t pid;
 };
 
-void reportLatency(ServiceClient& client, const std::string& condition, const Latency& idleList,
-                   const Latency* idleAttributes, const Latency& idleBus)
+// One condition's figures, taken in the same order after the same pause
+// whether another client waits or not: the first call after a pause is the
+// slowest even on an idle machine, so idle figures taken warm would charge
+// that pause to the other client.
+struct Figures {
+    Latency list;
+    Latency bus;
+    Latency attributes;
+};
+
+Figures figures(ServiceClient& client, bool withAttributes)
 {
     const auto [list, bus] = latencyBesideBus(client, [&] { client.savedPrinters(); });
-    Measure::report("getSavedPrinters median, " + condition, list.median, "idle median", idleList.median);
-    Measure::report("getSavedPrinters worst, " + condition, list.worst, "idle worst", idleList.worst);
-    Measure::report("bus daemon round trip worst, " + condition, bus.worst, "idle worst", idleBus.worst);
-    if (!idleAttributes)
+    if (!withAttributes)
+        return {list, bus, {}};
+    return {list, bus, latency([&] { client.printerAttributes("Office"); })};
+}
+
+void reportLatency(ServiceClient& client, const std::string& condition, const Figures& idle, bool withAttributes)
+{
+    const auto now = figures(client, withAttributes);
+    Measure::report("getSavedPrinters median, " + condition, now.list.median, "idle median", idle.list.median);
+    Measure::report("getSavedPrinters worst, " + condition, now.list.worst, "idle worst", idle.list.worst);
+    Measure::report("bus daemon round trip worst, " + condition, now.bus.worst, "idle worst", idle.bus.worst);
+    if (!withAttributes)
         return;
-    const auto attributes = latency([&] { client.printerAttributes("Office"); });
-    Measure::report("getPrinterAttributes median, " + condition, attributes.median, "idle median",
-                    idleAttributes->median);
-    Measure::report("getPrinterAttributes worst, " + condition, attributes.worst, "idle worst", idleAttributes->worst);
+    Measure::report("getPrinterAttributes median, " + condition, now.attributes.median, "idle median",
+                    idle.attributes.median);
+    Measure::report("getPrinterAttributes worst, " + condition, now.attributes.worst, "idle worst",
+                    idle.attributes.worst);
 }
 
 // Calls per second of `clients` clients asking at once for two seconds.
@@ -197,13 +214,14 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
     registry.clear();
     const std::string printer = std::getenv("KESTREL_PRINTER_URI");
     client.addPrinter(printer, "Office");
-    const auto idleList = latency([&] { client.savedPrinters(); });
-    const auto idleAttributes = latency([&] { client.printerAttributes("Office"); });
-    const auto idleBus = latencyBesideBus(client, [&] { client.savedPrinters(); }).second;
+    const auto idle = [&] {
+        Meanwhile nothing([](ServiceClient&) {});
+        return figures(client, true);
+    }();
     {
         SilentPrinter silent;
         Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Silent"); });
-        reportLatency(client, "(a) beside an add of a silent printer", idleList, &idleAttributes, idleBus);
+        reportLatency(client, "(a) beside an add of a silent printer", idle, true);
     }
     {
         // Sparse, and non-ASCII, so the service copies it before sending.
@@ -211,7 +229,7 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
         std::ofstream(document) << "%PDF-1.4\n";
         ::truncate(document.c_str(), 300L << 20);
         Meanwhile printing([&](ServiceClient& other) { other.print(document, "Office"); });
-        reportLatency(client, "(b) beside a print of 300 MB", idleList, &idleAttributes, idleBus);
+        reportLatency(client, "(b) beside a print of 300 MB", idle, true);
         ::unlink(document.c_str());
     }
     // Its filters would take minutes over 300 MB, holding up the jobs of later benchmarks.
@@ -219,12 +237,12 @@ void measureSideBySide(ServiceClient& client, DatabaseManager& registry)
     {
         Frozen scheduler(pidIn("cupsd.pid"));
         Meanwhile asking([&](ServiceClient& other) { other.printerAttributes("Office"); });
-        reportLatency(client, "(c) beside a call on a frozen scheduler", idleList, nullptr, idleBus);
+        reportLatency(client, "(c) beside a call on a frozen scheduler", idle, false);
     }
     {
         Frozen log(client.ownerPid("ru.quentis.SystemLogs"));
         Meanwhile adding([&](ServiceClient& other) { other.addPrinter(printer, "Logged"); });
-        reportLatency(client, "(d) beside an add with a silent system log", idleList, &idleAttributes, idleBus);
+        reportLatency(client, "(d) beside an add with a silent system log", idle, true);
     }
     const double single = throughput(1);
     for (int clients : {1, 4, 16})
