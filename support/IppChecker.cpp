@@ -15,9 +15,10 @@ constexpr int IppPort = 631;
 constexpr int IppsPort = 443;
 const std::string VersionsAttribute = "ipp-versions-supported";
 
-bool isLineBreak(char c)
+// Where the line that holds `from` ends: "." in the patterns stops there.
+size_t lineEnd(const std::string& text, size_t from)
 {
-    return c == '\n' || c == '\r';
+    return std::min(text.find_first_of("\n\r", from), text.size());
 }
 
 // The ECMAScript global replace of "(.*)://": on each line, everything up
@@ -28,17 +29,17 @@ std::string replaceScheme(const std::string& uri, const char* scheme)
     std::string result;
     size_t lineStart = 0;
     while (lineStart <= uri.size()) {
-        const size_t lineEnd = std::min(uri.find_first_of("\n\r", lineStart), uri.size());
-        const std::string_view line(uri.data() + lineStart, lineEnd - lineStart);
+        const size_t end = lineEnd(uri, lineStart);
+        const std::string_view line(uri.data() + lineStart, end - lineStart);
         const size_t separator = line.rfind("://");
         if (separator == std::string_view::npos)
             result += line;
         else
             result.append(scheme).append(line.substr(separator + 3));
-        if (lineEnd == uri.size())
+        if (end == uri.size())
             break;
-        result += uri[lineEnd];
-        lineStart = lineEnd + 1;
+        result += uri[end];
+        lineStart = end + 1;
     }
     return result;
 }
@@ -52,18 +53,16 @@ std::string findAddress(const std::string& ippUri)
     constexpr size_t runs = 4;
     for (size_t at = ippUri.find(prefix); at != std::string::npos; at = ippUri.find(prefix, at + 1)) {
         const size_t start = at + prefix.size();
-        size_t lineEnd = start;
-        while (lineEnd < ippUri.size() && !isLineBreak(ippUri[lineEnd]))
-            ++lineEnd;
-        if (lineEnd - start < runs)
+        const size_t end = lineEnd(ippUri, start);
+        if (end - start < runs)
             continue;
         size_t position = start;
         for (size_t left = runs; left > 0; --left) {
             size_t digitsEnd = position;
-            while (digitsEnd < lineEnd && ippUri[digitsEnd] >= '0' && ippUri[digitsEnd] <= '9')
+            while (digitsEnd < end && ippUri[digitsEnd] >= '0' && ippUri[digitsEnd] <= '9')
                 ++digitsEnd;
-            const size_t greedyEnd = digitsEnd < lineEnd ? digitsEnd + 1 : digitsEnd;
-            position = std::min(greedyEnd, lineEnd - (left - 1));
+            const size_t greedyEnd = digitsEnd < end ? digitsEnd + 1 : digitsEnd;
+            position = std::min(greedyEnd, end - (left - 1));
         }
         return ippUri.substr(start, position - start);
     }
