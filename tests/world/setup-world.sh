@@ -114,12 +114,8 @@ if [ "${KESTREL_NETWORK:-}" = 1 ]; then
     "$here/printer-host" 10.78.0.2
 fi
 # Started from subshells, not as our jobs, as tests stop and restart them.
-# cupsd keeps off the bus: its D-Bus notifier can abort the scheduler when a
-# queue is deleted moments after it was set up. With the printer host it needs
-# the bus to resolve DNS-SD names when it sets a driverless queue up.
-bus=unix:path=/nonexistent
-[ "${KESTREL_NETWORK:-}" = 1 ] && bus=unix:path=/run/dbus/system_bus_socket
-export KESTREL_SCHEDULER="env DBUS_SYSTEM_BUS_ADDRESS=$bus cupsd -f"
+# cupsd is on the system bus, as on a device: it announces its changes there.
+export KESTREL_SCHEDULER="cupsd -f"
 ($KESTREL_SCHEDULER >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
 export KESTREL_PRINTER_START="$here/simulated-printer"
 ("$KESTREL_PRINTER_START" &)
