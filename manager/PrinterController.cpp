@@ -3,6 +3,7 @@
 #include "support/CurlInterface.h"
 #include "support/DatabaseManager.h"
 #include "support/Diagnostics.h"
+#include "support/ServiceResolver.h"
 #include "support/SystemInterface.h"
 #include "support/SystemLogger.h"
 #include "support/Uri.h"
@@ -45,7 +46,8 @@ PrinterController::PrinterController()
                         std::make_shared<CurlInterface>(),
                         std::make_shared<SystemInterface>(),
                         std::make_shared<SystemLogger>(),
-                        std::make_shared<DatabaseManager>())
+                        std::make_shared<DatabaseManager>(),
+                        std::make_shared<ServiceResolver>())
 {
 }
 
@@ -53,12 +55,14 @@ PrinterController::PrinterController(std::shared_ptr<CupsInterface> cups,
                                      std::shared_ptr<CurlInterface> curl,
                                      std::shared_ptr<SystemInterface> system,
                                      std::shared_ptr<SystemLogger> logger,
-                                     std::shared_ptr<DatabaseManager> database)
+                                     std::shared_ptr<DatabaseManager> database,
+                                     std::shared_ptr<ServiceResolver> resolver)
     : cups(std::move(cups))
     , curl(std::move(curl))
     , system(std::move(system))
     , logger(std::move(logger))
     , database(std::move(database))
+    , resolver(std::move(resolver))
 {
 }
 
@@ -74,9 +78,11 @@ void PrinterController::addPrinter(const std::string& uri, const std::string& na
                 throw std::runtime_error("user " + user + " doesn't exists");
         }
 
+        const auto deviceUri = queueDeviceUri(uri, parsed);
+
         requestHandler.connect();
         requestHandler.prepareRequest(cupsName, IPP_OP_CUPS_ADD_MODIFY_PRINTER);
-        requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "device-uri", uri);
+        requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "device-uri", deviceUri);
         requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "printer-name", cupsName);
         // Only plain ipp gets a driverless queue; ipps, dnssd and socket get no driver at all.
         if (parsed.protocol() == ProtocolIpp)
@@ -110,6 +116,19 @@ std::string PrinterController::ppdPath(const std::string& model)
     // The lookup reports its own failure; the add then reports it again.
     logError("no PPD file for printer " + model);
     throw std::runtime_error("no PPD file for printer " + model);
+}
+
+// A driverless queue for a DNS-SD service instance gets the instance's mDNS
+// host name, port and resource instead: the scheduler would resolve the
+// instance itself when it sets the queue up, keep the result in memory it
+// does not own, and abort when the queue is deleted (cupsd 2.4.2). The host
+// name still follows the printer to a new address.
+std::string PrinterController::queueDeviceUri(const std::string& uri, const Uri& parsed)
+{
+    if (parsed.protocol() != ProtocolIpp || parsed.serviceName().empty())
+        return uri;
+    const auto& escaped = parsed.serviceName();
+    return resolver->locate(curl->unescape(escaped.c_str(), escaped.size()), parsed.isSecureService());
 }
 
 // The scheduler sets a driverless queue up in the background: until then it

@@ -11,6 +11,8 @@ namespace Kestrel::Private {
 
 class CurlInterface;
 class DatabaseManager;
+class Uri;
+class ServiceResolver;
 class SystemInterface;
 class SystemLogger;
 
@@ -24,7 +26,8 @@ public:
                       std::shared_ptr<CurlInterface> curl,
                       std::shared_ptr<SystemInterface> system,
                       std::shared_ptr<SystemLogger> logger,
-                      std::shared_ptr<DatabaseManager> database);
+                      std::shared_ptr<DatabaseManager> database,
+                      std::shared_ptr<ServiceResolver> resolver);
 
     void addPrinter(const std::string& uri, const std::string& name, const std::vector<std::string>& users);
     void removePrinter(const std::string& name);
@@ -35,6 +38,7 @@ public:
 
 private:
     std::string ppdPath(const std::string& model);
+    std::string queueDeviceUri(const std::string& uri, const Uri& parsed);
     void waitUntilSetUp(const std::string& cupsName);
 
     std::shared_ptr<CupsInterface> cups;
@@ -42,6 +46,7 @@ private:
     std::shared_ptr<SystemInterface> system;
     std::shared_ptr<SystemLogger> logger;
     std::shared_ptr<DatabaseManager> database;
+    std::shared_ptr<ServiceResolver> resolver;
 };
 
 } // namespace Kestrel::Private

@@ -1,13 +1,17 @@
-"""Printers a network announces by DNS-SD: the world's printer host (KESTREL_NETWORK=1, printer-host)."""
+"""Printers a network announces by DNS-SD: the world's printer host (KESTREL_NETWORK=1, printer-host), with
+avahi-daemon and cupsd on the world's system bus, as on a device."""
 import os
 import re
 import signal
 from pathlib import Path
 
-from conftest import WORLD, _alive, error_of, manager, print_document, shell, wait_for, write_pdf
-from test_printers import rows
+import pytest
+
+from conftest import WORLD, _alive, error_of, manager, print_document, queues, shell, wait_for, write_pdf
+from test_printers import device_uri, rows
 
 REMOTE_SPOOL = Path(os.environ.get("KESTREL_REMOTE_SPOOL", "/nonexistent"))
+SERVICE_URI = re.compile(r"ipp://RemotePrinter\._ipp(s?)\._tcp\.local/")
 
 
 def scan(signals):
@@ -17,6 +21,18 @@ def scan(signals):
         devices = signals.wait("accessiblePrintersChanged", timeout=60)
         if any("RemotePrinter" in uri for uri in devices):
             return devices
+    pytest.fail("the announced printer was never listed")
+
+
+def announced(signals):
+    devices = scan(signals)
+    (uri,) = [uri for uri in devices if "RemotePrinter" in uri]
+    assert SERVICE_URI.fullmatch(uri) and devices[uri] == "Maker Remote"
+    return uri
+
+
+def scheduler_pid():
+    return int((WORLD / "cupsd.pid").read_text())
 
 
 def print_and_wait(documents):
@@ -28,20 +44,41 @@ def print_and_wait(documents):
     assert wait_for(lambda: shell("lpstat -o") == "", timeout=60)
 
 
-def test_an_announced_printer_is_listed_once_prints_with_its_own_media_and_follows_it_to_a_new_address(
-        signals, documents):
-    devices = scan(signals)
-    (uri,) = [uri for uri in devices if "RemotePrinter" in uri]
-    assert re.fullmatch(r"ipp://RemotePrinter\._ipps?\._tcp\.local/", uri) and devices[uri] == "Maker Remote"
-    assert devices["usb://Maker/Model?serial=1"] == "Maker Model" and "ipp://127.0.0.1" in devices
+def test_an_announced_printer_is_added_printed_to_and_removed_while_the_scheduler_lives(
+        signals, system_log, documents):
+    scheduler = scheduler_pid()
+    uri = announced(signals)
     assert error_of(manager, "addPrinter", "ipp://printer.local/ipp/print", "A", []).message == "invalid uri scheme"
 
     manager("addPrinter", uri, "Remote", [])
-    assert shell("lpstat -v").split(": ", 1)[1].strip() == uri
+    ((queue, _),) = rows()
+    # The queue reaches the printer by its mDNS host name, never by the service instance.
+    scheme = "ipps" if SERVICE_URI.fullmatch(uri).group(1) else "ipp"
+    assert device_uri(queue) == f"{scheme}://printerhost.local:8631/ipp/print"
     answer = shell("ipptool -tv ipp://printerhost.local:8631/ipp/print get-printer-attributes.test")
     own_media = set(re.search(r"media-supported \([^)]*\) = (.*)", answer).group(1).split(","))
     media = set(manager("getPrinterAttributes", "Remote")["media-supported"])
     assert "iso_a4_210x297mm" in media and media <= own_media
+    print_and_wait(documents)
+
+    manager("removePrinter", "Remote")
+    assert queues() == [] and rows() == []
+    assert ("INFO_LEVEL", "printer-removed", "Remote") in system_log.events()
+    # Once more, the remove sent the moment the add answers.
+    manager("addPrinter", uri, "Remote", [])
+    manager("removePrinter", "Remote")
+    assert queues() == [] and rows() == []
+    assert scheduler_pid() == scheduler and _alive(scheduler)
+
+    for cycle in range(10):
+        manager("addPrinter", uri, f"Remote {cycle}", [])
+        manager("removePrinter", f"Remote {cycle}")
+    assert queues() == [] and rows() == []
+    assert scheduler_pid() == scheduler and _alive(scheduler)
+
+
+def test_a_saved_announced_printer_follows_its_printer_to_a_new_address(signals, documents):
+    manager("addPrinter", announced(signals), "Remote", [])
     print_and_wait(documents)
 
     saved, host = rows(), int((WORLD / "printer-host.pid").read_text())
