@@ -2,6 +2,7 @@
 
 #include "support/CallerFiles.h"
 
+#include <climits>
 #include <filesystem>
 #include <grp.h>
 #include <pwd.h>
@@ -9,14 +10,27 @@
 
 namespace Kestrel::Private {
 
+namespace {
+
+// No account has a longer name, and some account database modules abort
+// on a name of megabytes rather than answer "no such account".
+bool couldBeAccountName(const std::string& name)
+{
+    return name.size() < LOGIN_NAME_MAX && name.find('\0') == std::string::npos;
+}
+
+} // namespace
+
 bool SystemInterface::userExists(const std::string& name)
 {
-    return getpwnam(name.c_str()) != nullptr;
+    return couldBeAccountName(name) && getpwnam(name.c_str()) != nullptr;
 }
 
 std::optional<gid_t> SystemInterface::groupId(const std::string& name)
 {
     // Workers ask side by side: the reentrant form.
+    if (!couldBeAccountName(name))
+        return std::nullopt;
     group entry{};
     group* found = nullptr;
     std::vector<char> buffer(16384);
