@@ -8,11 +8,12 @@ import time
 
 import pytest
 
-from conftest import (DAEMON_ENV, PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, error_of, manager, print_document, printed_documents,
-                      queues, shell, start_printer, wait_for, write_pdf)
+from conftest import (DAEMON_ENV, PRINTER_URI, PRINTING, REGISTRY, SPOOL, WORLD, daemon_log, daemon_pid, error_of, manager,
+                      print_document, printed_documents, queues, shell, start_printer, start_scheduler, stop_scheduler,
+                      wait_for, write_pdf)
 
 
-def write_registry(version_row=True, printers=0):
+def write_registry(version_row=True, printers=0, name_size=500):
     db = sqlite3.connect(REGISTRY)
     db.executescript("CREATE TABLE version (id INTEGER PRIMARY KEY, value TEXT NOT NULL);"
                      "CREATE TABLE printers (id INTEGER NOT NULL, cups_name TEXT NOT NULL UNIQUE, "
@@ -20,7 +21,7 @@ def write_registry(version_row=True, printers=0):
     if version_row:
         db.execute("INSERT INTO version VALUES (1, '0.0.1')")
     db.executemany("INSERT INTO printers (cups_name, user_name) VALUES (?, ?)",
-                   [(f"uuid-{i}", f"Printer {i} " + "x" * 500) for i in range(printers)])
+                   [(f"uuid-{i}", f"Printer {i} " + "x" * name_size) for i in range(printers)])
     db.commit()
     db.close()
     return REGISTRY.read_bytes()
@@ -109,3 +110,35 @@ def test_queue_stopped_when_the_printer_went_away_prints_again_once_it_is_back(o
     print_document(write_pdf(documents / "after.pdf"), office)
     assert wait_for(lambda: len(printed_documents()) == 2, timeout=60)
     assert "enabled" in shell(f"lpstat -p {queue}")
+
+
+def test_a_stopped_scheduler_fails_calls_with_its_own_texts_and_once_back_serves_the_same_daemon(office, documents):
+    # A failed request on each worker leaves its text behind in the library.
+    manager("addPrinter", PRINTER_URI, "Lost", [])
+    lost = [queue for queue in queues() if queue not in rows_of("Office")]
+    shell(f"lpadmin -x {lost[0]}")
+    assert "doesn't exist" in error_of(manager, "removePrinter", "Lost").message
+    assert "doesn't exist" in error_of(manager, "getPrinterAttributes", "Lost").message
+    daemon = daemon_pid()
+    (office_queue,) = rows_of("Office")
+    missing = f"printer with user_name 'Office' and cups_name '{office_queue}' doesn't exist."
+
+    stop_scheduler()
+    assert error_of(manager, "addPrinter", PRINTER_URI, "Other", []).message in (
+        "failed to execute request: Service Unavailable", "failed to establish connection with CUPS server.")
+    assert error_of(manager, "getPrinterAttributes", "Office").message == missing
+    assert error_of(manager, "removePrinter", "Office").message == missing
+    assert error_of(print_document, write_pdf(documents / "a.pdf"), "Office").message == (
+        f"printer {office_queue} doesn't exist.")
+
+    start_scheduler()
+    manager("addPrinter", PRINTER_URI, "Other", [])
+    assert manager("getPrinterAttributes", "Office")["media-supported"]
+    print_document(write_pdf(documents / "b.pdf"), "Office")
+    manager("removePrinter", "Office")
+    assert daemon_pid() == daemon
+
+
+def rows_of(name):
+    with sqlite3.connect(REGISTRY) as db:
+        return [row[0] for row in db.execute("SELECT cups_name FROM printers WHERE user_name = ?", (name,))]
