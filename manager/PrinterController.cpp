@@ -33,6 +33,9 @@ const std::string makeAndModel = "printer-make-and-model";
 const std::vector<std::string> rawPlaceholder = {"Local Raw Printer"};
 constexpr auto setUpTimeout = std::chrono::seconds(30);
 constexpr auto maxPause = std::chrono::milliseconds(200);
+// How long the scheduler's set-up thread may still be at work on a queue
+// after it looks set up.
+constexpr auto settleTime = std::chrono::milliseconds(300);
 
 std::string notFoundMessage(const std::string& name, const std::string& cupsName)
 {
@@ -145,8 +148,15 @@ void PrinterController::waitUntilSetUp(const std::string& cupsName)
             requestHandler.prepareRequest(cupsName, IPP_OP_GET_PRINTER_ATTRIBUTES);
             requestHandler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {makeAndModel});
             requestHandler.executeAdminRequest();
-            if (requestHandler.getAttributes({makeAndModel})[makeAndModel] != rawPlaceholder)
+            if (requestHandler.getAttributes({makeAndModel})[makeAndModel] != rawPlaceholder) {
+                const std::lock_guard lock(setUpMutex);
+                const auto now = std::chrono::steady_clock::now();
+                // Only recent ones matter.
+                for (auto it = setUpTimes.begin(); it != setUpTimes.end();)
+                    it = now - it->second > settleTime ? setUpTimes.erase(it) : std::next(it);
+                setUpTimes[cupsName] = now;
                 return;
+            }
             if (std::chrono::steady_clock::now() + pause > deadline)
                 return;
             std::this_thread::sleep_for(pause);
@@ -156,6 +166,25 @@ void PrinterController::waitUntilSetUp(const std::string& cupsName)
     }
 }
 
+// The set-up thread announces the finished queue on the system bus just
+// after the queue shows its driver. Deleting the queue meanwhile makes the
+// scheduler announce a freed queue, and its bus library aborts the
+// scheduler (cupsd 2.4.2 on the system bus); so a queue set up moments ago
+// is given that moment first.
+void PrinterController::waitUntilSettled(const std::string& cupsName)
+{
+    std::chrono::steady_clock::time_point settled;
+    {
+        const std::lock_guard lock(setUpMutex);
+        const auto found = setUpTimes.find(cupsName);
+        if (found == setUpTimes.end())
+            return;
+        settled = found->second + settleTime;
+        setUpTimes.erase(found);
+    }
+    std::this_thread::sleep_until(settled);
+}
+
 void PrinterController::removePrinter(const std::string& name)
 {
     auto& requestHandler = CupsRequestHandler::ofThisThread();
@@ -163,6 +192,7 @@ void PrinterController::removePrinter(const std::string& name)
         const auto cupsName = database->getCupsName(name);
         if (!cups->destinationExists(cupsName))
             throw std::invalid_argument(notFoundMessage(name, cupsName));
+        waitUntilSettled(cupsName);
         requestHandler.connect();
         requestHandler.prepareRequest(cupsName, IPP_OP_CUPS_DELETE_PRINTER);
         requestHandler.executeAdminRequest();

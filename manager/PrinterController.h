@@ -3,7 +3,10 @@
 #include "cups/CupsInterface.h"
 #include "cups/CupsRequestHandler.h"
 
+#include <chrono>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -40,6 +43,7 @@ private:
     std::string ppdPath(const std::string& model);
     std::string queueDeviceUri(const std::string& uri, const Uri& parsed);
     void waitUntilSetUp(const std::string& cupsName);
+    void waitUntilSettled(const std::string& cupsName);
 
     std::shared_ptr<CupsInterface> cups;
     std::shared_ptr<CurlInterface> curl;
@@ -47,6 +51,9 @@ private:
     std::shared_ptr<SystemLogger> logger;
     std::shared_ptr<DatabaseManager> database;
     std::shared_ptr<ServiceResolver> resolver;
+    // When each driverless queue added lately was seen set up.
+    std::mutex setUpMutex;
+    std::map<std::string, std::chrono::steady_clock::time_point> setUpTimes;
 };
 
 } // namespace Kestrel::Private

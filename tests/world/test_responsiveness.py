@@ -11,8 +11,9 @@ import threading
 import time
 from pathlib import Path
 
-from conftest import (NOBODY, PRINTER_URI, REGISTRY, WORLD, BusError, SystemLog, daemon_pid, error_of, manager,
-                      print_document, queues, scheduler_running, shell, stop_printer, wait_for, write_pdf)
+from conftest import (NOBODY, PRINTER_URI, REGISTRY, WORLD, BusError, Signals, SystemLog, daemon_pid, error_of, manager,
+                      print_document, queues, scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
+from test_recovery import write_registry
 
 # How long the service waits for the system-log service, and a margin for a loaded machine.
 LOG_BOUND = 3.0
@@ -29,7 +30,7 @@ def test_added_queues_are_set_up_at_once_and_removing_them_at_once_leaves_the_sc
     manager("addPrinter", PRINTER_URI, "Office", [])
     assert set(manager("getPrinterAttributes", "Office")["media-supported"]) == printers_own_media()
     manager("removePrinter", "Office")
-    for _ in range(200):
+    for _ in range(100):
         manager("addPrinter", PRINTER_URI, "Office", [])
         manager("removePrinter", "Office")
     assert scheduler_running()
@@ -211,3 +212,33 @@ def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(
     with sqlite3.connect(REGISTRY) as db:
         assert db.execute("PRAGMA integrity_check").fetchone() == ("ok",)
         assert {row[0] for row in db.execute("SELECT cups_name FROM printers")} <= set(queues())
+
+
+def test_long_replies_and_signals_from_workers_leave_at_once_while_the_bus_is_quiet(system_log):
+    # Both above the 8 MB the bus library's socket takes in one write.
+    user = "u" * (12 << 20)
+    started = time.monotonic()
+    refusal = error_of(manager, "addPrinter", PRINTER_URI, "Big", [user])
+    assert refusal.message == f"user {user} doesn't exists" and time.monotonic() - started < 2
+
+    stop_daemon()
+    REGISTRY.unlink()
+    write_registry(printers=12, name_size=1 << 20)
+    names = manager("getSavedPrinters")
+    # Heard from here on, with no other call while the signal is on its way.
+    listener = Signals()
+    try:
+        started = time.monotonic()
+        manager("renamePrinter", names[0], "Front desk")
+        changed = listener.wait("savedPrintersChanged", timeout=10)
+        assert time.monotonic() - started < 2
+        assert sum(map(len, changed)) >= 11 << 20 and "Front desk" in changed
+    finally:
+        listener.close()
+
+    # A list the bus cannot carry is refused in words, and the daemon keeps its name.
+    stop_daemon()
+    REGISTRY.unlink()
+    write_registry(printers=40, name_size=1 << 20)
+    assert error_of(manager, "getSavedPrinters").message == "the list of saved printers is too long for the bus"
+    assert daemon_pid()
