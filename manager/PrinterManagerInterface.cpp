@@ -1,5 +1,6 @@
 #include "manager/PrinterManagerInterface.h"
 
+#include "service/BusMessageLimit.h"
 #include "service/PooledCall.h"
 #include "support/Diagnostics.h"
 
@@ -11,6 +12,7 @@ namespace Kestrel::Private {
 namespace {
 
 const char* const errorName = "ru.zorv.PrinterManager.Error";
+const char* const tooLongList = "the list of saved printers is too long for the bus";
 
 template <typename Body>
 auto translated(Body&& body)
@@ -54,7 +56,10 @@ bool PrinterManagerInterface::finishCalls(std::chrono::steady_clock::time_point 
 // On the changes worker right after the change: the list as it stood then.
 void PrinterManagerInterface::emitSavedPrinters()
 {
-    emitSavedPrintersChanged(controller.getSavedPrinters());
+    const auto names = controller.getSavedPrinters();
+    if (!fitsOnBus(wireSize(names)))
+        return logWarning("savedPrintersChanged not sent: " + std::string(tooLongList));
+    emitSavedPrintersChanged(names);
 }
 
 void PrinterManagerInterface::addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,
@@ -99,7 +104,12 @@ std::map<std::string, int32_t> PrinterManagerInterface::getPrinterStatuses()
 
 std::vector<std::string> PrinterManagerInterface::getSavedPrinters()
 {
-    return translated([&] { return controller.getSavedPrinters(); });
+    return translated([&] {
+        auto names = controller.getSavedPrinters();
+        if (!fitsOnBus(wireSize(names)))
+            throw std::length_error(tooLongList);
+        return names;
+    });
 }
 
 void PrinterManagerInterface::scan()
@@ -115,6 +125,7 @@ void PrinterManagerInterface::runScan()
 {
     try {
         emitAccessiblePrintersChanged(controller.getAccessiblePrinters());
+        BusEventLoop::messageSent();
     } catch (const std::exception& error) {
         // A lost signal must not take the daemon down with it.
         logError(error.what());

@@ -133,11 +133,13 @@ void PrintJobsInterface::emitJobChanged(const std::string& connection, const Job
     signal << dictionary(job);
     signal.setDestination(connection);
     object.emitSignal(signal);
+    BusEventLoop::messageSent();
 }
 
 void PrintJobsInterface::emitPrinterChanged(const std::string& printer, const PrinterStatus& state)
 {
     emitPrinterStateChanged(printer, dictionary(state));
+    BusEventLoop::messageSent();
 }
 
 } // namespace Kestrel::Private

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/BusEventLoop.h"
+#include "service/BusMessageLimit.h"
 #include "support/WorkerPool.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -29,6 +31,7 @@ public:
         auto call = std::make_shared<sdbus::Result<Results...>>(std::move(result));
         const auto refuse = [call, name = errorName] {
             call->returnError(sdbus::Error(name, "the print service is stopping; try again later"));
+            BusEventLoop::messageSent();
         };
         const bool queued = pool.post([call, name = errorName, work] { answer(*call, name, work); }, refuse);
         if (queued)
@@ -50,8 +53,13 @@ private:
                 call.returnResults(work());
             }
         } catch (const std::exception& error) {
-            call.returnError(sdbus::Error(name, error.what()));
+            std::string text = error.what();
+            if (!fitsOnBus(text.size()))
+                text = "the answer to this call is too long for the bus";
+            call.returnError(sdbus::Error(name, text));
         }
+        // Also writes out the signals the work emitted.
+        BusEventLoop::messageSent();
     }
 
     WorkerPool& pool;

@@ -1,4 +1,5 @@
 #include "manager/PrinterManagerInterface.h"
+#include "service/BusEventLoop.h"
 #include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
 #include "support/CurlInterface.h"
@@ -48,7 +49,7 @@ int main()
     auto printer = std::make_shared<Kestrel::Private::PrintController>();
     Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
     Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer);
-    connection->enterEventLoopAsync();
+    Kestrel::Private::BusEventLoop loop(*connection);
 
     int received = 0;
     sigwait(&stopSignals, &received);
@@ -60,8 +61,12 @@ int main()
     const bool managerEnded = manager.finishCalls(deadline);
     const bool printingEnded = printing.finishCalls(deadline);
     const bool allEnded = jobs.finishCalls(deadline) && printingEnded && managerEnded;
-    connection->releaseName(busName);
-    connection->leaveEventLoop();
+    try {
+        connection->releaseName(busName);
+    } catch (const sdbus::Error&) {
+        // The bus itself went away; there is no name left to release.
+    }
+    loop.stop();
     if (!allEnded) {
         // Workers still running use what the destructors would free.
         std::cout.flush();
