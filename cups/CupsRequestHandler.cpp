@@ -253,33 +253,26 @@ void CupsRequestHandler::executePrintFileRequest(int document)
 void CupsRequestHandler::execute(const char* resource, int document)
 {
     pendingRequest(request);
-    // The scheduler drops kept-alive connections it considers idle, and
-    // libcups only notices once the request has been lost on the dead socket.
-    // One that cannot be reopened (the scheduler stopped or restarted) is
-    // dropped, so that a new scheduler gets a new connection.
-    if (connection && closedByPeer(connection.get()) &&
-        httpReconnect2(connection.get(), RemoteTimeoutMs, nullptr) != 0)
-        connection.reset();
-    if (!connection)
-        connection = connectToScheduler();
     // The library frees the request whatever the outcome.
     IppPtr sent = std::move(request);
-    // Not the library's own default connection, which would wait on a silent
+    if (!connection)
+        connection = connectToScheduler();
+    // The scheduler drops kept-alive connections it considers idle, or has
+    // stopped or restarted, and libcups only notices once the request has
+    // been lost on the dead socket: the connection is reopened first. Not
+    // the library's own default connection, which would wait on a silent
     // scheduler without our bound; and not its last error, which may be left
     // from an earlier request: the text the library gives this failure.
-    if (!connection)
+    if (!connection ||
+        (closedByPeer(connection.get()) && httpReconnect2(connection.get(), RemoteTimeoutMs, nullptr) != 0))
         throw std::runtime_error("failed to execute request: " + unreachableText());
     // The whole document each time (a job sends it twice); a descriptor that
     // cannot seek fails in the library, which reports it.
     if (document != NoDocument)
         ::lseek(document, 0, SEEK_SET);
     response.reset(cupsDoIORequest(connection.get(), sent.release(), resource, document, NoDocument));
-    if (response && cupsLastError() <= IPP_STATUS_OK_CONFLICTING)
-        return;
-    // No answer at all: the connection is of no further use.
-    if (!response)
-        connection.reset();
-    throw std::runtime_error("failed to execute request: " + cupsErrorText());
+    if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
+        throw std::runtime_error("failed to execute request: " + cupsErrorText());
 }
 
 void CupsRequestHandler::releaseResponse()
