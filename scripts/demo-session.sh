@@ -266,8 +266,15 @@ remote_printed() {
 wait_for "no document reached the printer host" 60 remote_printed
 note "At the printer host:"
 show ls "$KESTREL_REMOTE_SPOOL"
-# Lobby stays: this scheduler (CUPS 2.4) aborts when a DNS-SD queue that
-# has printed is deleted.
+note "The queue reaches the printer by its mDNS host name, so it follows the printer to a new address:"
+show lpstat -v
+scheduler=$(cat "$KESTREL_WORLD_DIR/cupsd.pid")
+show kestrel-print remove Lobby
+show kestrel-print list
+lpstat -v 2>/dev/null | grep -q . && fail "a CUPS queue is left after removing Lobby"
+kill -0 "$scheduler" 2>/dev/null && [ "$(cat "$KESTREL_WORLD_DIR/cupsd.pid")" = "$scheduler" ] ||
+    fail "the scheduler did not survive the removal of the DNS-SD printer"
+note "The scheduler kept its process id ($scheduler) through the removal."
 
 note "What the service told the system log:"
 show cat "$events"
