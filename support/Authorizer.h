@@ -32,16 +32,17 @@ class Authorizer {
 public:
     using Decision = std::function<void(bool authorized)>;
 
-    // How long polkitd may take to decide, and a person at an agent.
-    static constexpr auto AnswerBound = std::chrono::seconds(5);
-    static constexpr auto InteractiveBound = std::chrono::seconds(60);
-
     Authorizer(sdbus::IConnection& connection, std::shared_ptr<SystemInterface> system);
 
     // On the bus thread; `decided` runs once, there, at once or on polkitd's answer.
     void authorize(const Caller& caller, const std::string& action, Decision decided);
 
 private:
+    // How long polkitd may take to decide, and a person at an agent.
+    static constexpr auto AnswerBound = std::chrono::seconds(5);
+    static constexpr auto InteractiveBound = std::chrono::seconds(60);
+
+    // The rule from before polkit, by the groups the bus vouches for.
     bool administers(const CallerCredentials& caller);
     void cancel(const std::string& check);
 
