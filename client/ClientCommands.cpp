@@ -88,15 +88,15 @@ void ClientCommands::dispatch(
     if (command == "list")
         return output.savedPrinters(proxy.getSavedPrinters());
     if (command == "add") {
-        proxy.addPrinter(arguments[0], arguments[1], invocation.users);
+        proxy.change(terminal_, "addPrinter", arguments[0], arguments[1], invocation.users);
         return output.printerAdded(arguments[0], arguments[1], invocation.users);
     }
     if (command == "remove") {
-        proxy.removePrinter(arguments[0]);
+        proxy.change(terminal_, "removePrinter", arguments[0]);
         return output.printerRemoved(arguments[0]);
     }
     if (command == "rename") {
-        proxy.renamePrinter(arguments[0], arguments[1]);
+        proxy.change(terminal_, "renamePrinter", arguments[0], arguments[1]);
         return output.printerRenamed(arguments[0], arguments[1]);
     }
     if (command == "attributes")

@@ -89,6 +89,14 @@ Failure ErrorExplainer::fromService(const std::string& text, const std::string& 
     const auto& command = invocation_.command;
     const auto& arguments = invocation_.arguments;
 
+    const std::string unauthorized = "permission denied: managing printers needs the ";
+    if (startsWith(text, unauthorized)) {
+        const auto authorization = text.substr(unauthorized.size(), text.find(' ', unauthorized.size()) - unauthorized.size());
+        return refused("not_admin",
+            "permission denied: to " + action() + " you need the polkit authorization " + authorization
+                + "; an administrator grants it with a polkit rule (see kestrel-print(1))",
+            ExitStatus::PermissionDenied);
+    }
     const std::string taken = "UNIQUE constraint failed: printers.user_name";
     if (text.find(taken) != std::string::npos && (command == "add" || command == "rename"))
         return refused("name_taken",

@@ -1,6 +1,20 @@
 #include "PrintServiceProxy.h"
 
+#include <systemd/sd-bus.h>
+
 namespace Kestrel::Client {
+
+namespace {
+
+// sdbus-c++ 1.2 cannot set the header flag; the message it wraps can.
+struct RawMessage : sdbus::Message {
+    static sd_bus_message* of(sdbus::Message& message)
+    {
+        return static_cast<sd_bus_message*>(message.*(&RawMessage::msg_));
+    }
+};
+
+} // namespace
 
 PrintServiceProxy::PrintServiceProxy(sdbus::IConnection& connection)
     : ProxyInterfaces(connection, "ru.zorv.print", "/ru/zorv/print")
@@ -16,6 +30,11 @@ PrintServiceProxy::~PrintServiceProxy()
 void PrintServiceProxy::ping()
 {
     getProxy().callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+}
+
+void PrintServiceProxy::allowInteractiveAuthorization(sdbus::MethodCall& call)
+{
+    sd_bus_message_set_allow_interactive_authorization(RawMessage::of(call), 1);
 }
 
 void PrintServiceProxy::onSavedPrinters(SavedPrintersHandler handler)

@@ -27,11 +27,23 @@ public:
 
     // Fails with the bus's own error when nobody owns the service name.
     void ping();
+    // A call that changes printers; `interactive` lets polkit have an agent
+    // ask the person at the terminal for the authorization.
+    template <typename... Arguments>
+    void change(bool interactive, const std::string& method, const Arguments&... arguments)
+    {
+        auto call = getProxy().createMethodCall("ru.zorv.PrinterManager", method);
+        (call << ... << arguments);
+        if (interactive)
+            allowInteractiveAuthorization(call);
+        getProxy().callMethod(call);
+    }
     void onSavedPrinters(SavedPrintersHandler handler);
     void onAccessiblePrinters(AccessiblePrintersHandler handler);
     void onJob(JobHandler handler);
 
 private:
+    static void allowInteractiveAuthorization(sdbus::MethodCall& call);
     void onAccessiblePrintersChanged(const std::map<std::string, std::string>& printers) override;
     void onSavedPrintersChanged(const std::vector<std::string>& printers) override;
     void onJobChanged(const std::map<std::string, sdbus::Variant>& job) override;

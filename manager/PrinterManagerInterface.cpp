@@ -13,6 +13,7 @@ namespace {
 
 const char* const errorName = "ru.zorv.PrinterManager.Error";
 const char* const tooLongList = "the list of saved printers is too long for the bus";
+const char* const ManagePrinters = "ru.zorv.print.manage-printers";
 
 template <typename Body>
 auto translated(Body&& body)
@@ -26,8 +27,10 @@ auto translated(Body&& body)
 
 } // namespace
 
-PrinterManagerInterface::PrinterManagerInterface(sdbus::IConnection& connection, std::string path)
+PrinterManagerInterface::PrinterManagerInterface(sdbus::IConnection& connection, std::string path,
+                                                 std::shared_ptr<Authorizer> authorizer)
     : AdaptorInterfaces(connection, std::move(path))
+    , authorizer(std::move(authorizer))
 {
     registerAdaptor();
 }
@@ -62,29 +65,40 @@ void PrinterManagerInterface::emitSavedPrinters()
     emitSavedPrintersChanged(names);
 }
 
+// On the bus thread: who asks is read while the call is the one processed.
+template <typename Work>
+void PrinterManagerInterface::change(sdbus::Result<>&& result, Work work)
+{
+    Caller caller;
+    try {
+        caller = Caller::ofCurrentCall(getObject());
+    } catch (const std::exception& error) {
+        return result.returnError(sdbus::Error(errorName, error.what()));
+    }
+    PooledCall(changes, errorName)
+        .runAuthorized(std::move(result), *authorizer, caller, ManagePrinters,
+                       std::string("permission denied: managing printers needs the ") + ManagePrinters +
+                           " authorization",
+                       [this, work] {
+                           work();
+                           emitSavedPrinters();
+                       });
+}
+
 void PrinterManagerInterface::addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,
                                          std::vector<std::string> users)
 {
-    PooledCall(changes, errorName).run(std::move(result), [this, uri, name, users] {
-        controller.addPrinter(uri, name, users);
-        emitSavedPrinters();
-    });
+    change(std::move(result), [this, uri, name, users] { controller.addPrinter(uri, name, users); });
 }
 
 void PrinterManagerInterface::removePrinter(sdbus::Result<>&& result, std::string name)
 {
-    PooledCall(changes, errorName).run(std::move(result), [this, name] {
-        controller.removePrinter(name);
-        emitSavedPrinters();
-    });
+    change(std::move(result), [this, name] { controller.removePrinter(name); });
 }
 
 void PrinterManagerInterface::renamePrinter(sdbus::Result<>&& result, std::string oldName, std::string newName)
 {
-    PooledCall(changes, errorName).run(std::move(result), [this, oldName, newName] {
-        controller.renamePrinter(oldName, newName);
-        emitSavedPrinters();
-    });
+    change(std::move(result), [this, oldName, newName] { controller.renamePrinter(oldName, newName); });
 }
 
 void PrinterManagerInterface::setDefaultPrinter(const std::string&)

@@ -1,12 +1,14 @@
 #pragma once
 
 #include "manager/PrinterController.h"
+#include "support/Authorizer.h"
 #include "support/WorkerPool.h"
 
 #include <ru/zorv/PrinterManager_adaptor.h>
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <sdbus-c++/sdbus-c++.h>
 
 namespace Kestrel::Private {
@@ -14,10 +16,12 @@ namespace Kestrel::Private {
 // ru.zorv.PrinterManager on the bus: forwards to the controller, turns
 // failures into the interface's error and emits the change signals. Calls
 // that wait on a peer run on workers: changes one at a time in arrival
-// order, attribute queries beside them.
+// order, attribute queries beside them. Changes are for callers polkit
+// allows to manage printers.
 class PrinterManagerInterface : public sdbus::AdaptorInterfaces<ru::zorv::PrinterManager_adaptor> {
 public:
-    PrinterManagerInterface(sdbus::IConnection& connection, std::string path);
+    PrinterManagerInterface(sdbus::IConnection& connection, std::string path,
+                            std::shared_ptr<Authorizer> authorizer);
     ~PrinterManagerInterface();
 
     // Takes no more calls that wait on a peer and refuses the waiting ones.
@@ -43,10 +47,13 @@ private:
     void getPrinterAttributes(sdbus::Result<std::map<std::string, std::vector<std::string>>>&& result,
                               std::string printerName) override;
 
+    template <typename Work>
+    void change(sdbus::Result<>&& result, Work work);
     void runScan();
     void emitSavedPrinters();
 
     PrinterController controller;
+    std::shared_ptr<Authorizer> authorizer;
     // Atomic so the scan thread and the bus thread never race on it.
     std::atomic<bool> scanIdle{true};
     // Declared last, so their threads end before what their work uses.

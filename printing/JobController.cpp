@@ -3,7 +3,6 @@
 #include "printing/PrintController.h"
 #include "support/CurlInterface.h"
 #include "support/DatabaseManager.h"
-#include "support/SystemInterface.h"
 #include "support/Uri.h"
 
 #include <algorithm>
@@ -55,18 +54,16 @@ bool Job::ended() const
 
 JobController::JobController(std::shared_ptr<PrintController> printing)
     : JobController(std::move(printing), std::make_shared<CupsJobs>(), std::make_shared<JobStore>(),
-                    std::make_shared<DatabaseManager>(), std::make_shared<SystemInterface>())
+                    std::make_shared<DatabaseManager>())
 {
 }
 
 JobController::JobController(std::shared_ptr<PrintController> printing, std::shared_ptr<CupsJobs> jobs,
-                             std::shared_ptr<JobStore> store, std::shared_ptr<DatabaseManager> database,
-                             std::shared_ptr<SystemInterface> system)
+                             std::shared_ptr<JobStore> store, std::shared_ptr<DatabaseManager> database)
     : printing(std::move(printing))
     , cupsJobs(std::move(jobs))
     , store(std::move(store))
     , database(std::move(database))
-    , system(std::move(system))
 {
 }
 
@@ -76,10 +73,10 @@ int JobController::submit(const CallerCredentials& caller, const std::string& pa
     return printing->print(caller, path, printer, parameters);
 }
 
-std::vector<Job> JobController::jobs(const CallerCredentials& caller)
+std::vector<Job> JobController::jobs(const CallerCredentials& caller, bool everyJob)
 {
     std::vector<Job> jobs;
-    const auto owner = seesEveryJob(caller) ? std::nullopt : std::optional<uid_t>(caller.uid);
+    const auto owner = everyJob ? std::nullopt : std::optional<uid_t>(caller.uid);
     for (auto& record : store->list(owner)) {
         auto status = statusOf(record);
         jobs.push_back({std::move(record), std::move(status)});
@@ -87,19 +84,19 @@ std::vector<Job> JobController::jobs(const CallerCredentials& caller)
     return jobs;
 }
 
-Job JobController::job(const CallerCredentials& caller, int id)
+Job JobController::job(const CallerCredentials& caller, int id, bool everyJob)
 {
     auto record = store->find(id);
     // Decided before the scheduler is asked, so not even the time taken tells.
-    if (!record || (record->owner != caller.uid && !seesEveryJob(caller)))
+    if (!record || (record->owner != caller.uid && !everyJob))
         throw noSuchJob(id);
     auto status = statusOf(*record);
     return {std::move(*record), std::move(status)};
 }
 
-void JobController::cancel(const CallerCredentials& caller, int id)
+void JobController::cancel(const CallerCredentials& caller, int id, bool everyJob)
 {
-    const auto found = job(caller, id);
+    const auto found = job(caller, id, everyJob);
     if (found.ended())
         throw std::runtime_error("job " + std::to_string(id) + " has already ended (" + found.status.state + ")");
     cupsJobs->cancel(found.record.queue, id);
@@ -132,15 +129,6 @@ Job JobController::job(int id)
 PrinterStatus JobController::queueState(const std::string& queue)
 {
     return cupsJobs->queueStatus(queue);
-}
-
-bool JobController::seesEveryJob(const CallerCredentials& caller)
-{
-    if (caller.uid == 0)
-        return true;
-    const auto administrators = system->groupId("lpadmin");
-    return administrators &&
-           std::find(caller.groups.begin(), caller.groups.end(), *administrators) != caller.groups.end();
 }
 
 // The scheduler forgets ended jobs after a while; what it forgot had ended.

@@ -15,7 +15,6 @@ namespace Kestrel::Private {
 
 class DatabaseManager;
 class PrintController;
-class SystemInterface;
 
 // A job: whose and what, and where the scheduler has got with it.
 struct Job {
@@ -26,20 +25,20 @@ struct Job {
 };
 
 // The logic behind ru.zorv.PrintJobs. A caller sees only the jobs it sent
-// itself, unless it administers printing; any other job answers exactly
-// like one that does not exist.
+// itself, unless it may manage every user's jobs; any other job answers
+// exactly like one that does not exist.
 class JobController {
 public:
     explicit JobController(std::shared_ptr<PrintController> printing);
     JobController(std::shared_ptr<PrintController> printing, std::shared_ptr<CupsJobs> jobs,
-                  std::shared_ptr<JobStore> store, std::shared_ptr<DatabaseManager> database,
-                  std::shared_ptr<SystemInterface> system);
+                  std::shared_ptr<JobStore> store, std::shared_ptr<DatabaseManager> database);
 
     int submit(const CallerCredentials& caller, const std::string& path, const std::string& printer,
                const std::map<std::string, std::string>& parameters);
-    std::vector<Job> jobs(const CallerCredentials& caller);
-    Job job(const CallerCredentials& caller, int id);
-    void cancel(const CallerCredentials& caller, int id);
+    // `everyJob`: the caller may see and cancel other users' jobs.
+    std::vector<Job> jobs(const CallerCredentials& caller, bool everyJob);
+    Job job(const CallerCredentials& caller, int id, bool everyJob);
+    void cancel(const CallerCredentials& caller, int id, bool everyJob);
     // The state, and whether it differs from the one last read of that printer.
     std::pair<PrinterStatus, bool> printerState(const std::string& printer);
 
@@ -48,14 +47,12 @@ public:
     PrinterStatus queueState(const std::string& queue);
 
 private:
-    bool seesEveryJob(const CallerCredentials& caller);
     JobStatus statusOf(const JobRecord& record);
 
     std::shared_ptr<PrintController> printing;
     std::shared_ptr<CupsJobs> cupsJobs;
     std::shared_ptr<JobStore> store;
     std::shared_ptr<DatabaseManager> database;
-    std::shared_ptr<SystemInterface> system;
     std::mutex knownMutex;
     std::map<std::string, PrinterStatus> known;
 };

@@ -2,6 +2,7 @@
 
 #include "printing/JobController.h"
 #include "printing/JobWatcher.h"
+#include "support/Authorizer.h"
 #include "support/WorkerPool.h"
 
 #include <ru/zorv/PrintJobs_adaptor.h>
@@ -17,9 +18,11 @@ class PrintController;
 
 // ru.zorv.PrintJobs on the bus. Every call that waits on the scheduler or a
 // printer is answered from a worker, so the bus thread never waits on one.
+// Other users' jobs are for callers polkit allows to manage jobs.
 class PrintJobsInterface : public sdbus::AdaptorInterfaces<ru::zorv::PrintJobs_adaptor> {
 public:
-    PrintJobsInterface(sdbus::IConnection& connection, std::string path, std::shared_ptr<PrintController> printing);
+    PrintJobsInterface(sdbus::IConnection& connection, std::string path, std::shared_ptr<PrintController> printing,
+                       std::shared_ptr<Authorizer> authorizer);
     ~PrintJobsInterface();
 
     // Takes no more calls and refuses the waiting ones.
@@ -37,11 +40,12 @@ private:
     void cancelJob(sdbus::Result<>&& result, uint32_t job) override;
     void getPrinterState(sdbus::Result<Dictionary>&& result, std::string printer) override;
 
-    CallerCredentials caller();
+    Caller caller();
     void emitJobChanged(const std::string& connection, const Job& job);
     void emitPrinterChanged(const std::string& printer, const PrinterStatus& state);
 
     std::shared_ptr<JobController> controller;
+    std::shared_ptr<Authorizer> authorizer;
     JobWatcher watcher;
     // Asking a silent printer takes seconds; it must not hold up jobs.
     WorkerPool jobWorkers;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # One session with the kestrel-print client, run by scripts/demo.sh inside
 # the test world: starts the system-log stand-in and the daemon, then finds,
-# adds, inspects, prints to, renames and removes a printer, then finds and
+# adds, inspects, prints to, renames and removes a printer, shows a user
+# outside lpadmin refused and then granted by a polkit rule, then finds and
 # prints to a printer announced on the network by DNS-SD. Every command is
 # shown as typed, followed by its output. Any failed step ends the session
 # with a non-zero status and the service logs.
@@ -245,6 +246,36 @@ echo
 typed lpstat -v
 lpstat -v 2>&1 | tee "$output" || true
 ! grep -qF "$queue" "$output" || fail "the CUPS queue $queue is still there"
+
+echo
+echo "=== who may manage printers: polkit decides"
+nobody=(setpriv --reuid=nobody --regid=nogroup --clear-groups)
+note "nobody is not in lpadmin and holds no authorization, so adding a printer is refused and changes nothing:"
+show id nobody
+show_refusal 4 "${nobody[@]}" kestrel-print add "$KESTREL_PRINTER_URI" Lab
+grep -q 'ru.zorv.print.manage-printers' "$output" || fail "the refusal does not name the authorization"
+rules=/etc/polkit-1/rules.d
+[ "$(findmnt -n -o FSTYPE --target "$rules")" = tmpfs ] || fail "$rules is not the test world's own directory"
+note "The device maker grants printer management to the group kestrel-staff, which nobody is in:"
+cat >"$rules/50-printing.rules" <<'RULE'
+polkit.addRule(function(action, subject) {
+    if (action.id == "ru.zorv.print.manage-printers" &&
+        subject.isInGroup("kestrel-staff")) {
+        return polkit.Result.YES;
+    }
+});
+RULE
+show cat "$rules/50-printing.rules"
+show getent group kestrel-staff
+granted() {
+    "${nobody[@]}" sh -c 'pkcheck --action-id ru.zorv.print.manage-printers --process $$'
+}
+wait_for "polkitd did not take up the rule" 10 granted
+show "${nobody[@]}" kestrel-print add "$KESTREL_PRINTER_URI" Lab
+show "${nobody[@]}" kestrel-print rename Lab "Lab 2"
+show "${nobody[@]}" kestrel-print remove "Lab 2"
+show kestrel-print list
+rm "$rules/50-printing.rules"
 echo
 echo "=== a printer announced on the network"
 note "A printer host on a link of its own announces RemotePrinter by DNS-SD; the scan lists it by its service name:"

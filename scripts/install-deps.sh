@@ -14,6 +14,8 @@ packages=(
     dbus-daemon dbus-bin systemd iproute2 util-linux bash-completion
     # printers announced by DNS-SD: discovery and .local names (also at run time)
     avahi-daemon libnss-mdns
+    # who may manage printers and other users' jobs (also at run time)
+    polkitd
     python3-pytest python3-dbus python3-gi python3-dbusmock strace
     # benchmarks (scripts/bench.sh: column)
     bsdextrautils

@@ -2,6 +2,7 @@
 
 #include "service/BusEventLoop.h"
 #include "service/BusMessageLimit.h"
+#include "support/Authorizer.h"
 #include "support/WorkerPool.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -41,7 +42,39 @@ public:
         call->returnError(sdbus::Error(errorName, "the print service is busy; try again"));
     }
 
+    // Runs the work only when the caller may take the action; a refusal is
+    // answered at once, without waiting behind the pool's other calls.
+    template <typename... Results, typename Work>
+    void runAuthorized(sdbus::Result<Results...>&& result, Authorizer& authorizer, const Caller& caller,
+                       const std::string& action, const std::string& refusal, Work work) const
+    {
+        whenDecided(std::move(result), authorizer, caller, action, [self = *this, refusal, work](auto call, bool may) {
+            if (may)
+                return self.run(std::move(*call), work);
+            call->returnError(sdbus::Error(self.errorName, refusal));
+        });
+    }
+
+    // Runs work(authorized) once it is known whether the caller may take the action.
+    template <typename... Results, typename Work>
+    void runKnowing(sdbus::Result<Results...>&& result, Authorizer& authorizer, const Caller& caller,
+                    const std::string& action, Work work) const
+    {
+        whenDecided(std::move(result), authorizer, caller, action, [self = *this, work](auto call, bool may) {
+            self.run(std::move(*call), [work, may] { return work(may); });
+        });
+    }
+
 private:
+    template <typename... Results, typename Then>
+    static void whenDecided(sdbus::Result<Results...>&& result, Authorizer& authorizer, const Caller& caller,
+                            const std::string& action, Then then)
+    {
+        // Shared, as the decision is a copyable function and the result is move-only.
+        auto call = std::make_shared<sdbus::Result<Results...>>(std::move(result));
+        authorizer.authorize(caller, action, [call, then](bool may) { then(call, may); });
+    }
+
     template <typename... Results, typename Work>
     static void answer(const sdbus::Result<Results...>& call, const std::string& name, const Work& work)
     {

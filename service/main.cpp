@@ -2,8 +2,10 @@
 #include "service/BusEventLoop.h"
 #include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
+#include "support/Authorizer.h"
 #include "support/CurlInterface.h"
 #include "support/Privileges.h"
+#include "support/SystemInterface.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -44,11 +46,14 @@ int main()
     // Before any call is served, whoever started the daemon.
     Kestrel::Private::Privileges::keepOnlyIdentitySwitch();
     auto connection = sdbus::createSystemBusConnection(busName);
-    Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath);
+    // One for both interfaces, so a silent polkitd is reported once.
+    auto authorizer =
+        std::make_shared<Kestrel::Private::Authorizer>(*connection, std::make_shared<Kestrel::Private::SystemInterface>());
+    Kestrel::Private::PrinterManagerInterface manager(*connection, objectPath, authorizer);
     // One print core for both printing interfaces: one job limit, one record of owners.
     auto printer = std::make_shared<Kestrel::Private::PrintController>();
     Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
-    Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer);
+    Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer, authorizer);
     Kestrel::Private::BusEventLoop loop(*connection);
 
     int received = 0;

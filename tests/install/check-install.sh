@@ -17,6 +17,8 @@ DESTDIR=$stage cmake --install "$build" >"$work/install.log" || { cat "$work/ins
 unit=$prefix/lib/systemd/system/kestrel-printd.service
 activation=$datadir/dbus-1/system-services/ru.zorv.print.service
 policy=$datadir/dbus-1/system.d/ru.zorv.print.conf
+actions=$datadir/polkit-1/actions/ru.zorv.print.policy
+rules=$datadir/polkit-1/rules.d/ru.zorv.print.rules
 manual=$datadir/man/man1/kestrel-print.1
 completion=$datadir/bash-completion/completions/kestrel-print
 
@@ -24,6 +26,12 @@ completion=$datadir/bash-completion/completions/kestrel-print
 [ -x "$stage$sbindir/kestrel-printd" ] || fail "$sbindir/kestrel-printd is not installed as an executable"
 "$stage$bindir/kestrel-print" --help >/dev/null || fail "the installed client does not run"
 cmp -s "$source/service/ru.zorv.print.conf" "$stage$policy" || fail "$policy differs from the source"
+cmp -s "$source/service/ru.zorv.print.rules" "$stage$rules" || fail "$rules differs from the source"
+# polkitd skips a policy file it cannot parse, and with it both actions.
+/usr/bin/python3 -c 'import sys, xml.etree.ElementTree as tree
+ids = sorted(action.get("id") for action in tree.parse(sys.argv[1]).getroot().iter("action"))
+sys.exit(ids != ["ru.zorv.print.manage-jobs", "ru.zorv.print.manage-printers"])' "$stage$actions" 2>/dev/null \
+    || fail "$actions is missing or does not declare both actions"
 for iface in PrinterManager PrintingService PrintJobs; do
     cmp -s "$source/interfaces/ru.zorv.$iface.xml" "$stage$datadir/dbus-1/interfaces/ru.zorv.$iface.xml" \
         || fail "ru.zorv.$iface.xml is not installed as in the source"

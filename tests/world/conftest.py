@@ -22,6 +22,11 @@ MANAGER = "ru.zorv.PrinterManager"
 PRINTING = "ru.zorv.PrintingService"
 JOBS = "ru.zorv.PrintJobs"
 NOBODY = 65534
+# Listed in lpadmin in the world's account database (setup-world.sh).
+LPADMIN_MEMBER = 2
+# nobody's group of the world that a device maker's rule may name.
+STAFF_GROUP = "kestrel-staff"
+MAKER_RULES = Path("/etc/polkit-1/rules.d/50-maker.rules")
 WORLD = Path(os.environ.get("KESTREL_WORLD_DIR", "/nonexistent"))
 SPOOL = Path(os.environ.get("KESTREL_PRINTER_SPOOL", "/nonexistent"))
 PRINTER_URI = os.environ.get("KESTREL_PRINTER_URI", "")
@@ -206,6 +211,29 @@ def start_printer():
     _start_detached(os.environ["KESTREL_PRINTER_START"], printer_running)
 
 
+def polkit_running():
+    return dbus.SystemBus().name_has_owner("org.freedesktop.PolicyKit1")
+
+
+def stop_polkit():
+    _stop(int((WORLD / "polkitd.pid").read_text()))
+    assert wait_for(lambda: not polkit_running())
+
+
+def start_polkit():
+    _start_detached(f"exec {os.environ['KESTREL_POLKIT']} >>{WORLD}/polkitd.log 2>&1 & echo $! >{WORLD}/polkitd.pid",
+                    polkit_running)
+
+
+def grant(action, group=STAFF_GROUP):
+    """A device maker's rule that gives the members of `group` the action; polkitd reads it when it starts."""
+    MAKER_RULES.write_text(f'polkit.addRule(function(action, subject) {{\n'
+                           f'    if (action.id == "{action}" && subject.isInGroup("{group}"))\n'
+                           f'        return polkit.Result.YES;\n}});\n')
+    stop_polkit()
+    start_polkit()
+
+
 def daemon_pid():
     bus = dbus.SystemBus()
     driver = bus.get_object("org.freedesktop.DBus", "/org/freedesktop/DBus")
@@ -288,6 +316,11 @@ def reset_world():
         start_scheduler()
     if not printer_running():
         start_printer()
+    if MAKER_RULES.exists() or not polkit_running():
+        MAKER_RULES.unlink(missing_ok=True)
+        if polkit_running():
+            stop_polkit()
+        start_polkit()
     for queue in queues():
         shell(f"lpadmin -x '{queue}'")
     for path in list(Path("/var/lib/print").iterdir()) + list(SPOOL.iterdir()):

@@ -45,12 +45,15 @@ cp -a /etc/cups "$original/cups"
 cp -a /usr/lib/cups/backend "$original/backend"
 
 cp -a /usr/share/dbus-1/system.d "$original/system.d"
+cp -a /usr/share/polkit-1/actions "$original/polkit-actions"
+cp -a /usr/share/polkit-1/rules.d "$original/polkit-rules"
 
 # The bus reads policies and activation files only from directories the
 # world owns, so nothing installed on the host leaks in.
 for dir in /etc/cups /var/spool/cups /var/cache/cups /var/log/cups \
            /usr/lib/cups/backend /usr/share/cups/model /etc/dbus-1/system.d \
            /usr/share/dbus-1/system.d /usr/share/dbus-1/system-services \
+           /usr/share/polkit-1/actions /usr/share/polkit-1/rules.d /etc/polkit-1/rules.d \
            /var/lib/print; do
     own "$dir"
 done
@@ -80,6 +83,20 @@ ln -s /usr /usr/share/cups/model/usr
 install -m 0644 "$repo/service/ru.zorv.print.conf" "$here/ru.quentis.SystemLogs.conf" \
     /etc/dbus-1/system.d/
 cp -a "$original/system.d/avahi-dbus.conf" /usr/share/dbus-1/system.d/ 2>/dev/null || true
+
+# polkit as the device has it: the stock actions and rules, and ours.
+# /etc/polkit-1/rules.d starts empty; tests put a device maker's rules there.
+cp -a "$original/polkit-actions/." /usr/share/polkit-1/actions/
+cp -a "$original/polkit-rules/." /usr/share/polkit-1/rules.d/
+install -m 0644 "$repo/service/ru.zorv.print.policy" /usr/share/polkit-1/actions/
+install -m 0644 "$repo/service/ru.zorv.print.rules" /usr/share/polkit-1/rules.d/
+cp -a "$original/system.d/org.freedesktop.PolicyKit1.conf" /usr/share/dbus-1/system.d/
+# Accounts of the world, as polkit reads groups from the account database:
+# "bin" administers printing, "nobody" is on a staff a rule may name.
+awk -F: -v OFS=: '$1 == "lpadmin" { $4 = ($4 == "" ? "bin" : $4 ",bin") } { print }' /etc/group \
+    >"$KESTREL_WORLD_DIR/group"
+echo "kestrel-staff:x:4242:nobody" >>"$KESTREL_WORLD_DIR/group"
+mount --bind "$KESTREL_WORLD_DIR/group" /etc/group
 
 # With KESTREL_DAEMON naming a built daemon, the bus starts it on the first
 # call, as on a device; its output goes to daemon.log.
@@ -114,6 +131,8 @@ if [ "${KESTREL_NETWORK:-}" = 1 ]; then
     "$here/printer-host" 10.78.0.2
 fi
 # Started from subshells, not as our jobs, as tests stop and restart them.
+export KESTREL_POLKIT="/usr/lib/polkit-1/polkitd --no-debug"
+($KESTREL_POLKIT >>"$KESTREL_WORLD_DIR/polkitd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/polkitd.pid")
 # cupsd is on the system bus, as on a device: it announces its changes there.
 export KESTREL_SCHEDULER="cupsd -f"
 ($KESTREL_SCHEDULER >>"$KESTREL_WORLD_DIR/cupsd.log" 2>&1 & echo $! >"$KESTREL_WORLD_DIR/cupsd.pid")
@@ -122,6 +141,8 @@ export KESTREL_PRINTER_START="$here/simulated-printer"
 
 wait_until "the system bus" busctl --system call org.freedesktop.DBus /org/freedesktop/DBus \
     org.freedesktop.DBus GetId
+wait_until "polkitd" busctl --system call org.freedesktop.DBus /org/freedesktop/DBus \
+    org.freedesktop.DBus GetNameOwner s org.freedesktop.PolicyKit1
 wait_until "cupsd" sh -c 'lpstat -r | grep -qx "scheduler is running"'
 wait_until "ippeveprinter" bash -c ': </dev/tcp/127.0.0.1/631'
 

@@ -4,6 +4,7 @@ import os
 import pty
 import signal
 import subprocess
+import threading
 from pathlib import Path
 
 import pytest
@@ -49,7 +50,10 @@ def test_service_refusals_name_the_cause_and_keep_the_service_text(office, docum
          f"file {missing} doesn't exist."),
         (["print", str(secret), "--printer", "Office", "-o", "sides=one-sided"], NOBODY, "document_refused", 4,
          f"refused to print {secret}", f"permission denied: {secret}"),
-        (["add", PRINTER_URI, "Lab"], NOBODY, "not_admin", 4, 'group "lpadmin" may add', None),
+        (["add", PRINTER_URI, "Lab"], NOBODY, "not_admin", 4,
+         "to add printers you need the polkit authorization ru.zorv.print.manage-printers; an administrator grants it",
+         "permission denied: managing printers needs the ru.zorv.print.manage-printers authorization"),
+        (["scan"], NOBODY, "not_admin", 4, 'group "lpadmin" may scan', None),
     ]
     for args, user, kind, status, words, service in cases:
         error = failure(*args, user=user)
@@ -57,6 +61,39 @@ def test_service_refusals_name_the_cause_and_keep_the_service_text(office, docum
         assert error["service_message"] == service or (service, error["bus_error"]) == \
             (None, "org.freedesktop.DBus.Error.AccessDenied"), args
     assert document.exists() and secret.exists()
+
+
+def test_on_a_terminal_the_client_lets_polkit_ask_for_the_authorization(system_log):
+    monitor = subprocess.Popen(["busctl", "--system", "monitor", "--json=short", "org.freedesktop.PolicyKit1"],
+                               stdout=subprocess.PIPE, text=True)
+    seen = []
+    threading.Thread(target=lambda: seen.extend(json.loads(line) for line in monitor.stdout), daemon=True).start()
+    probe = ["busctl", "--system", "get-property", "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
+             "org.freedesktop.PolicyKit1.Authority", "BackendName"]
+    assert wait_for(lambda: subprocess.run(probe, capture_output=True) and any(
+        message.get("member") == "Get" for message in list(seen))), "busctl monitor did not start"
+
+    def flags_asked(calls):
+        """The flags of the service's next `calls` CheckAuthorization calls, as the monitor saw them."""
+        checks = lambda: [m["payload"]["data"][3] for m in list(seen) if m.get("member") == "CheckAuthorization"]
+        assert wait_for(lambda: len(checks()) >= calls)
+        flags = checks()
+        seen.clear()
+        return flags
+    try:
+        assert failure("add", PRINTER_URI, "Lab", user=NOBODY)["kind"] == "not_admin"
+        assert flags_asked(2) == [0, 0]
+        terminal, errors = pty.openpty()
+        try:
+            result = subprocess.run([CLIENT, "add", PRINTER_URI, "Lab"], stdout=subprocess.PIPE, stderr=errors,
+                                    timeout=120, user=NOBODY, group=NOBODY, extra_groups=[])
+        finally:
+            os.close(errors)
+            os.close(terminal)
+        assert result.returncode == 4 and flags_asked(1) == [1]
+    finally:
+        monitor.kill()
+        monitor.wait()
 
 
 def test_a_lost_queue_and_a_stopped_scheduler_are_named_as_the_cause(office):
