@@ -51,10 +51,17 @@ bool PrinterManagerInterface::finishCalls(std::chrono::steady_clock::time_point 
     return reads.stop(deadline) && changesEnded && scanIdle;
 }
 
+void PrinterManagerInterface::whenSavedPrintersChange(std::function<void()> hook)
+{
+    savedPrintersChanged = std::move(hook);
+}
+
 // On the changes worker right after the change: the list as it stood then.
 void PrinterManagerInterface::emitSavedPrinters()
 {
     emitSavedPrintersChanged(controller.getSavedPrinters());
+    if (savedPrintersChanged)
+        savedPrintersChanged();
 }
 
 void PrinterManagerInterface::addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <sdbus-c++/sdbus-c++.h>
 
 namespace Kestrel::Private {
@@ -25,6 +26,9 @@ public:
     // Waits for the running ones until the deadline; true when none is left
     // and no scan runs.
     bool finishCalls(std::chrono::steady_clock::time_point deadline);
+    // Called on a worker after each change of the saved printers; set
+    // before the event loop runs.
+    void whenSavedPrintersChange(std::function<void()> hook);
 
 private:
     void addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,
@@ -47,6 +51,7 @@ private:
     void emitSavedPrinters();
 
     PrinterController controller;
+    std::function<void()> savedPrintersChanged;
     // Atomic so the scan thread and the bus thread never race on it.
     std::atomic<bool> scanIdle{true};
     // Declared last, so their threads end before what their work uses.

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "printing/JobController.h"
-#include "printing/JobWatcher.h"
+#include "printing/SchedulerWatcher.h"
 #include "support/WorkerPool.h"
 
 #include <ru/zorv/PrintJobs_adaptor.h>
@@ -26,6 +26,7 @@ public:
     void refuseCalls();
     // Waits for the running ones until the deadline; true when none is left.
     bool finishCalls(std::chrono::steady_clock::time_point deadline);
+    void savedPrintersChanged();
 
 private:
     using Dictionary = std::map<std::string, sdbus::Variant>;
@@ -42,7 +43,9 @@ private:
     void emitPrinterChanged(const std::string& printer, const PrinterStatus& state);
 
     std::shared_ptr<JobController> controller;
-    JobWatcher watcher;
+    SchedulerWatcher watcher;
+    // The scheduler's own messages on the bus; gone before the watcher.
+    sdbus::Slot schedulerMessages;
     // Asking a silent printer takes seconds; it must not hold up jobs.
     WorkerPool jobWorkers;
     WorkerPool printerWorkers;
