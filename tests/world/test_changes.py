@@ -1,6 +1,7 @@
 """Changes reach apps as the scheduler makes them: every saved printer's state once per real change, a forged
 scheduler message never, and a network printer's trays and supplies read from the printer itself."""
 import os
+import subprocess
 import time
 import urllib.request
 
@@ -107,6 +108,10 @@ def test_an_empty_tray_and_the_supplies_are_read_from_the_printer_itself_and_tol
         assert {t["name"]: (t["media"], t["level"]) for t in empty["trays"]}["main"] == ("iso_a4_210x297mm", 0)
         told = [t for _, (_, t) in listener.drain(1)]
         assert len(told) == 1 and "media-empty" in told[0]["reasons"]
+        status = subprocess.run([os.environ["KESTREL_CLIENT"], "status", office], capture_output=True, text=True,
+                                timeout=60).stdout.splitlines()
+        assert "out of paper" in status[0] and "  Tray main: out of paper (iso_a4_210x297mm)" in status
+        assert {"  Black toner 75 %", "  Waste toner box 25 % full"} <= set(status), status
     finally:
         # The printer keeps its trays until it starts again.
         stop_printer()
