@@ -6,6 +6,7 @@
 #include "Output.h"
 #include "PrintOptions.h"
 #include "PrintServiceProxy.h"
+#include "PrintJob.h"
 #include "PrinterState.h"
 #include "Text.h"
 
@@ -149,6 +150,25 @@ void ClientCommands::watch(sdbus::IConnection& connection, PrintServiceProxy& pr
 {
     proxy.onSavedPrinters([&output](const auto& printers) { output.savedPrintersChanged(printers); });
     proxy.onAccessiblePrinters([&output](const auto& printers) { output.accessiblePrintersChanged(printers); });
+    // The service tells a job's changes only to the connection that sent it;
+    // a job starting or ending moves its printer, so each printer change is
+    // the cue to read the caller's own jobs again.
+    std::map<uint32_t, std::string> seen;
+    const auto readJobs = [&proxy, &output, &seen](bool tell) {
+        for (const auto& entry : proxy.getJobs()) {
+            const auto job = PrintJob::from(entry);
+            auto& before = seen[job.id];
+            const auto now = job.describe();
+            if (tell && before != now)
+                output.jobChanged(job);
+            before = now;
+        }
+    };
+    proxy.onPrinterState([&output, &readJobs](const auto& printer, const auto& state) {
+        output.printerStateChanged(printer, PrinterState::from(state));
+        readJobs(true);
+    });
+    readJobs(false);
     BusEventLoop loop(connection);
     // The proxy subscribed on construction; the reply to this ping proves the
     // service is there and that the subscription is in place.

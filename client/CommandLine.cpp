@@ -184,15 +184,22 @@ CommandLine::CommandLine()
     cancel->add_option("ID", "Job number, as 'jobs' shows it")->required()->check(CLI::PositiveNumber);
 
     auto* status = command(app, "status", "Show whether a saved printer is ready, and what it lacks.",
-        "Network printers are asked themselves as well, for at most a few seconds.\n"
+        "Network printers are asked themselves as well, for at most a few seconds, and\n"
+        "tell their paper trays and supplies (\"Tray main: out of paper\", \"Black toner 75 %\").\n"
         "With --json: {\"printer\": NAME, \"state\": STATE, \"reasons\": [REASON],\n"
-        "\"description\": TEXT, \"message\": TEXT, \"accepting\": BOOL}.");
+        "\"description\": TEXT, \"message\": TEXT, \"accepting\": BOOL, \"supplies\": [{\"name\": TEXT,\n"
+        "\"kind\": KIND, \"color\": TEXT, \"level\": PERCENT, \"description\": TEXT}], \"trays\": [{\"name\": TEXT,\n"
+        "\"media\": MEDIA, \"level\": PERCENT, \"state\": ok|low|empty, \"description\": TEXT}]}; a level is -1\n"
+        "when unknown.");
     status->add_option("NAME", "Saved printer")->required()->check(nonEmpty());
 
-    command(app, "watch", "Show every change of the saved or reachable printers until interrupted.",
+    command(app, "watch",
+        "Show every change of the saved or reachable printers, of their states and of your jobs until interrupted.",
         "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"
-        "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]} or\n"
-        "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]}.");
+        "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]},\n"
+        "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]},\n"
+        "{\"signal\": \"printerStateChanged\", ...} with the fields of 'status', or\n"
+        "{\"signal\": \"jobChanged\", \"job\": {...}} with the fields of 'jobs'.");
 }
 
 CommandLine::~CommandLine() = default;

@@ -45,6 +45,21 @@ std::string oneLine(std::string text)
     return line;
 }
 
+json printerObject(const std::string& printer, const PrinterState& state)
+{
+    json supplies = json::array();
+    for (const auto& supply : state.supplies)
+        supplies.push_back({{"name", supply.name}, {"kind", supply.kind}, {"color", supply.color},
+            {"level", supply.level}, {"description", supply.describe()}});
+    json trays = json::array();
+    for (const auto& tray : state.trays)
+        trays.push_back({{"name", tray.name}, {"media", tray.media}, {"level", tray.level}, {"state", tray.state},
+            {"description", tray.describe()}});
+    return {{"printer", printer}, {"state", state.state}, {"reasons", state.reasons},
+        {"description", state.describe()}, {"message", state.message}, {"accepting", state.accepting},
+        {"supplies", supplies}, {"trays", trays}};
+}
+
 json jobObject(const PrintJob& job)
 {
     return {{"id", job.id}, {"printer", job.printer}, {"document", job.document}, {"state", job.state},
@@ -198,13 +213,36 @@ void Output::jobCanceled(uint32_t id)
 void Output::printerState(const std::string& printer, const PrinterState& state)
 {
     if (json_) {
-        write(out_, {{"printer", printer}, {"state", state.state}, {"reasons", state.reasons},
-            {"description", state.describe()}, {"message", state.message}, {"accepting", state.accepting}});
+        write(out_, printerObject(printer, state));
         return;
     }
     out_ << printer << ": " << state.describe() << '\n';
     if (!state.message.empty())
         out_ << "  " << state.message << '\n';
+    for (const auto& tray : state.trays)
+        out_ << "  " << tray.describe() << '\n';
+    for (const auto& supply : state.supplies)
+        out_ << "  " << supply.describe() << '\n';
+}
+
+void Output::printerStateChanged(const std::string& printer, const PrinterState& state)
+{
+    if (json_) {
+        auto document = printerObject(printer, state);
+        document["signal"] = "printerStateChanged";
+        write(out_, document);
+        return;
+    }
+    out_ << "Printer " << quoted(printer) << ": " << state.describe() << std::endl;
+}
+
+void Output::jobChanged(const PrintJob& job)
+{
+    if (json_) {
+        write(out_, {{"signal", "jobChanged"}, {"job", jobObject(job)}});
+        return;
+    }
+    out_ << "Job " << job.id << " on printer " << quoted(job.printer) << ": " << job.describe() << std::endl;
 }
 
 void Output::savedPrintersChanged(const std::vector<std::string>& printers)

@@ -38,6 +38,8 @@ public:
     void jobCanceled(uint32_t id);
     void printerState(const std::string& printer, const PrinterState& state);
     void savedPrintersChanged(const std::vector<std::string>& printers);
+    void printerStateChanged(const std::string& printer, const PrinterState& state);
+    void jobChanged(const PrintJob& job);
     void accessiblePrintersChanged(const std::map<std::string, std::string>& devices);
 
     // A note for a person; scripts reading JSON get the data instead.

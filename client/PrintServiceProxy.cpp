@@ -52,6 +52,18 @@ void PrintServiceProxy::onJob(JobHandler handler)
     jobHandler_ = std::move(handler);
 }
 
+void PrintServiceProxy::onPrinterState(PrinterStateHandler handler)
+{
+    printerStateHandler_ = std::move(handler);
+}
+
+void PrintServiceProxy::onPrinterStateChanged(
+    const std::string& printer, const std::map<std::string, sdbus::Variant>& state)
+{
+    if (printerStateHandler_)
+        printerStateHandler_(printer, state);
+}
+
 void PrintServiceProxy::onJobChanged(const std::map<std::string, sdbus::Variant>& job)
 {
     if (jobHandler_)

@@ -21,6 +21,8 @@ public:
 
     using SavedPrintersHandler = std::function<void(const std::vector<std::string>&)>;
     using AccessiblePrintersHandler = std::function<void(const std::map<std::string, std::string>&)>;
+    using PrinterStateHandler =
+        std::function<void(const std::string&, const std::map<std::string, sdbus::Variant>&)>;
 
     explicit PrintServiceProxy(sdbus::IConnection& connection);
     ~PrintServiceProxy();
@@ -41,17 +43,19 @@ public:
     void onSavedPrinters(SavedPrintersHandler handler);
     void onAccessiblePrinters(AccessiblePrintersHandler handler);
     void onJob(JobHandler handler);
+    void onPrinterState(PrinterStateHandler handler);
 
 private:
     static void allowInteractiveAuthorization(sdbus::MethodCall& call);
     void onAccessiblePrintersChanged(const std::map<std::string, std::string>& printers) override;
     void onSavedPrintersChanged(const std::vector<std::string>& printers) override;
     void onJobChanged(const std::map<std::string, sdbus::Variant>& job) override;
-    void onPrinterStateChanged(const std::string&, const std::map<std::string, sdbus::Variant>&) override { }
+    void onPrinterStateChanged(const std::string& printer, const std::map<std::string, sdbus::Variant>& state) override;
 
     SavedPrintersHandler savedPrintersHandler_;
     AccessiblePrintersHandler accessiblePrintersHandler_;
     JobHandler jobHandler_;
+    PrinterStateHandler printerStateHandler_;
 };
 
 } // namespace Kestrel::Client

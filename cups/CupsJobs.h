@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -14,6 +15,26 @@ struct JobStatus {
     uint32_t pages = 0;
 };
 
+// Toner, ink or a waste box; level in percent, -1 when unknown.
+struct Supply {
+    std::string name;
+    std::string kind;
+    std::string color;
+    int level = -1;
+
+    bool operator==(const Supply& other) const;
+};
+
+// A paper tray; level in percent, -1 when unknown; state "ok", "low" or "empty".
+struct Tray {
+    std::string name;
+    std::string media;
+    int level = -1;
+    std::string state;
+
+    bool operator==(const Tray& other) const;
+};
+
 // A queue, or the printer behind it, as it reports itself now.
 struct PrinterStatus {
     std::string state;
@@ -21,9 +42,12 @@ struct PrinterStatus {
     std::string message;
     bool accepting = false;
     std::string deviceUri;
+    std::vector<Supply> supplies;
+    std::vector<Tray> trays;
 
-    bool operator==(const PrinterStatus& other) const;
-    bool operator!=(const PrinterStatus& other) const { return !(*this == other); }
+    // What a person would notice; the message alone changes with every
+    // step of a job.
+    bool sameState(const PrinterStatus& other) const;
 };
 
 // Jobs and printer states through IPP; every call makes its own request
@@ -38,6 +62,8 @@ public:
     virtual JobStatus jobStatus(const std::string& queue, int id);
     virtual void cancel(const std::string& queue, int id);
     virtual PrinterStatus queueStatus(const std::string& queue);
+    // Every queue of the scheduler, by name, in one request.
+    virtual std::map<std::string, PrinterStatus> queueStatuses();
     // Asks an IPP printer itself, within a few seconds; a printer that
     // does not answer in time reads "offline".
     virtual PrinterStatus deviceStatus(const std::string& uri);

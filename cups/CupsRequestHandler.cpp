@@ -47,6 +47,35 @@ bool closedByPeer(http_t* http)
     return recv(watched.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
 }
 
+std::string valueText(ipp_attribute_t* attribute, int index)
+{
+    switch (ippGetValueTag(attribute)) {
+    case IPP_TAG_INTEGER:
+        return std::to_string(ippGetInteger(attribute, index));
+    case IPP_TAG_ENUM:
+        return ippEnumString(ippGetName(attribute), ippGetInteger(attribute, index));
+    case IPP_TAG_BOOLEAN:
+        return ippGetBoolean(attribute, index) ? "true" : "false";
+    case IPP_TAG_STRING: {
+        int length = 0;
+        const auto* data = static_cast<const char*>(ippGetOctetString(attribute, index, &length));
+        return data ? std::string(data, static_cast<size_t>(length)) : "";
+    }
+    default: {
+        const char* text = ippGetString(attribute, index, nullptr);
+        return text ? text : "";
+    }
+    }
+}
+
+std::vector<std::string> valueTexts(ipp_attribute_t* attribute)
+{
+    std::vector<std::string> texts;
+    for (int index = 0; index < ippGetCount(attribute); ++index)
+        texts.push_back(valueText(attribute, index));
+    return texts;
+}
+
 void warnAlreadyConnected()
 {
     logWarning("connection with CUPS server already established.");
@@ -321,6 +350,45 @@ AttributeMap CupsRequestHandler::getAttributes(const std::unordered_set<std::str
         attributes[name] = splitAtCommas(text);
     }
     return attributes;
+}
+
+std::vector<AttributeMap> CupsRequestHandler::getGroups(ipp_tag_t group, const std::unordered_set<std::string>& names)
+{
+    ipp_t* ipp = storedResponse(response);
+    std::vector<AttributeMap> groups;
+    bool inGroup = false;
+    for (ipp_attribute_t* attribute = ippFirstAttribute(ipp); attribute; attribute = ippNextAttribute(ipp)) {
+        const char* name = ippGetName(attribute);
+        // Separators between two groups of the same tag carry no name.
+        if (!name || ippGetGroupTag(attribute) != group) {
+            inGroup = false;
+            continue;
+        }
+        if (!inGroup)
+            groups.emplace_back();
+        inGroup = true;
+        if (names.count(name))
+            groups.back()[name] = valueTexts(attribute);
+    }
+    return groups;
+}
+
+std::vector<std::map<std::string, std::string>> CupsRequestHandler::getCollections(
+    std::string_view name, const std::unordered_set<std::string>& members)
+{
+    std::vector<std::map<std::string, std::string>> collections;
+    ipp_attribute_t* attribute =
+        ippFindAttribute(storedResponse(response), std::string(name).c_str(), IPP_TAG_BEGIN_COLLECTION);
+    for (int index = 0; attribute && index < ippGetCount(attribute); ++index) {
+        ipp_t* collection = ippGetCollection(attribute, index);
+        auto& found = collections.emplace_back();
+        for (ipp_attribute_t* member = ippFirstAttribute(collection); member; member = ippNextAttribute(collection)) {
+            const char* memberName = ippGetName(member);
+            if (memberName && members.count(memberName) && ippGetCount(member) > 0)
+                found[memberName] = valueText(member, 0);
+        }
+    }
+    return collections;
 }
 
 } // namespace Kestrel::Private

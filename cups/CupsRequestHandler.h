@@ -66,6 +66,12 @@ public:
     // The first value of a text attribute; empty when there is none.
     std::string getText(std::string_view name);
     virtual AttributeMap getAttributes(const std::unordered_set<std::string>& names);
+    // The named attributes of each group of that tag (one per printer or
+    // job), every value its own text, so a comma inside a value stays.
+    std::vector<AttributeMap> getGroups(ipp_tag_t group, const std::unordered_set<std::string>& names);
+    // Of each value of a collection attribute, the named members' first values.
+    std::vector<std::map<std::string, std::string>> getCollections(std::string_view name,
+                                                                   const std::unordered_set<std::string>& members);
 
 private:
     static constexpr int NoDocument = -1;

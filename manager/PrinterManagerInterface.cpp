@@ -56,10 +56,17 @@ bool PrinterManagerInterface::finishCalls(std::chrono::steady_clock::time_point 
     return reads.stop(deadline) && changesEnded && scanIdle;
 }
 
+void PrinterManagerInterface::whenSavedPrintersChange(std::function<void()> hook)
+{
+    savedPrintersChanged = std::move(hook);
+}
+
 // On the changes worker right after the change: the list as it stood then.
 void PrinterManagerInterface::emitSavedPrinters()
 {
     const auto names = controller.getSavedPrinters();
+    if (savedPrintersChanged)
+        savedPrintersChanged();
     if (!fitsOnBus(wireSize(names)))
         return logWarning("savedPrintersChanged not sent: " + std::string(tooLongList));
     emitSavedPrintersChanged(names);

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -29,6 +30,9 @@ public:
     // Waits for the running ones until the deadline; true when none is left
     // and no scan runs.
     bool finishCalls(std::chrono::steady_clock::time_point deadline);
+    // Called on a worker after each change of the saved printers; set
+    // before the event loop runs.
+    void whenSavedPrintersChange(std::function<void()> hook);
 
 private:
     void addPrinter(sdbus::Result<>&& result, std::string uri, std::string name,
@@ -54,6 +58,7 @@ private:
 
     PrinterController controller;
     std::shared_ptr<Authorizer> authorizer;
+    std::function<void()> savedPrintersChanged;
     // Atomic so the scan thread and the bus thread never race on it.
     std::atomic<bool> scanIdle{true};
     // Declared last, so their threads end before what their work uses.

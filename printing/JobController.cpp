@@ -31,17 +31,23 @@ bool isNetworkPrinter(const std::string& uri)
     }
 }
 
-// The queue says whether jobs may go on; the printer itself what it lacks.
-PrinterStatus merged(PrinterStatus queue, const PrinterStatus& device)
+// The queue says whether jobs may go on, the printer itself what it lacks.
+// What the printer said at an earlier read still tells its supplies, trays
+// and needs, but not whether it is there or stopped now.
+PrinterStatus merged(PrinterStatus queue, const PrinterStatus& device, bool fresh)
 {
-    if (device.state == "offline" || queue.state != "stopped")
+    if (fresh && (device.state == "offline" || device.state == "stopped"))
         queue.state = device.state;
     for (const auto& reason : device.reasons) {
-        if (std::find(queue.reasons.begin(), queue.reasons.end(), reason) == queue.reasons.end())
+        if ((fresh || reason != "offline-report") &&
+            std::find(queue.reasons.begin(), queue.reasons.end(), reason) == queue.reasons.end())
             queue.reasons.push_back(reason);
     }
-    if (queue.message.empty())
+    if (fresh && queue.message.empty())
         queue.message = device.message;
+    if (!device.supplies.empty())
+        queue.supplies = device.supplies;
+    queue.trays = device.trays;
     return queue;
 }
 
@@ -107,14 +113,62 @@ std::pair<PrinterStatus, bool> JobController::printerState(const std::string& pr
     const auto queue = database->getCupsName(printer);
     if (queue.empty())
         throw std::runtime_error("cups_name is empty");
-    auto state = cupsJobs->queueStatus(queue);
+    const auto read = startRead();
+    const auto state = cupsJobs->queueStatus(queue);
+    std::optional<PrinterStatus> device;
     if (isNetworkPrinter(state.deviceUri))
-        state = merged(std::move(state), cupsJobs->deviceStatus(state.deviceUri));
-    std::lock_guard<std::mutex> lock(knownMutex);
-    const auto before = known.find(printer);
-    const bool changed = before != known.end() && before->second != state;
-    known[printer] = state;
-    return {state, changed};
+        device = cupsJobs->deviceStatus(state.deviceUri);
+    return tell(queue, read, state, device, true);
+}
+
+std::map<std::string, PrinterStatus> JobController::changedPrinters()
+{
+    const auto read = startRead();
+    const auto queues = cupsJobs->queueStatuses();
+    const auto saved = database->getSavedQueues();
+    std::map<std::string, PrinterStatus> changed;
+    for (const auto& [queue, state] : queues) {
+        // Unsaved queues too: a queue being added changes before it is saved.
+        const auto name = saved.find(queue);
+        const auto [now, differs] = tell(queue, read, state, std::nullopt, name != saved.end());
+        if (differs)
+            changed[name->second] = now;
+    }
+    std::lock_guard<std::mutex> lock(toldMutex);
+    for (auto it = told.begin(); it != told.end();)
+        it = queues.count(it->first) ? std::next(it) : told.erase(it);
+    return changed;
+}
+
+uint64_t JobController::startRead()
+{
+    std::lock_guard<std::mutex> lock(toldMutex);
+    return ++reads;
+}
+
+std::pair<PrinterStatus, bool> JobController::tell(const std::string& queue, uint64_t read, const PrinterStatus& state,
+                                                   const std::optional<PrinterStatus>& device, bool saved)
+{
+    std::lock_guard<std::mutex> lock(toldMutex);
+    auto& known = told[queue];
+    // A read that overtook this one knows better.
+    if (read > known.queueRead) {
+        known.queueRead = read;
+        known.queue = state;
+    }
+    // The printer's first word on its supplies and trays is news, not a change.
+    const bool firstFromDevice = device && !known.device;
+    if (device && read > known.deviceRead) {
+        known.deviceRead = read;
+        known.device = device;
+    }
+    auto now = known.device ? merged(known.queue, *known.device, device && known.deviceRead == read) : known.queue;
+    const bool changed =
+        known.told && known.saved && saved && !known.state.sameState(firstFromDevice ? known.queue : now);
+    known.told = true;
+    known.saved = saved;
+    known.state = now;
+    return {std::move(now), changed};
 }
 
 Job JobController::job(int id)
@@ -124,11 +178,6 @@ Job JobController::job(int id)
         throw noSuchJob(id);
     auto status = statusOf(*record);
     return {std::move(*record), std::move(status)};
-}
-
-PrinterStatus JobController::queueState(const std::string& queue)
-{
-    return cupsJobs->queueStatus(queue);
 }
 
 // The scheduler forgets ended jobs after a while; what it forgot had ended.

@@ -25,12 +25,30 @@ std::map<std::string, sdbus::Variant> dictionary(const Job& job)
             {"created", sdbus::Variant(job.record.created)}};
 }
 
+// What the scheduler says on the bus of itself, whoever else may say it too.
+const char* const SchedulerMessages =
+    "type='signal',interface='com.redhat.PrinterSpooler',path='/com/redhat/PrinterSpooler'";
+
 std::map<std::string, sdbus::Variant> dictionary(const PrinterStatus& state)
 {
+    std::vector<std::map<std::string, sdbus::Variant>> supplies;
+    for (const auto& supply : state.supplies)
+        supplies.push_back({{"name", sdbus::Variant(supply.name)},
+                            {"kind", sdbus::Variant(supply.kind)},
+                            {"color", sdbus::Variant(supply.color)},
+                            {"level", sdbus::Variant(static_cast<int32_t>(supply.level))}});
+    std::vector<std::map<std::string, sdbus::Variant>> trays;
+    for (const auto& tray : state.trays)
+        trays.push_back({{"name", sdbus::Variant(tray.name)},
+                         {"media", sdbus::Variant(tray.media)},
+                         {"level", sdbus::Variant(static_cast<int32_t>(tray.level))},
+                         {"state", sdbus::Variant(tray.state)}});
     return {{"state", sdbus::Variant(state.state)},
             {"reasons", sdbus::Variant(state.reasons)},
             {"message", sdbus::Variant(state.message)},
-            {"accepting", sdbus::Variant(state.accepting)}};
+            {"accepting", sdbus::Variant(state.accepting)},
+            {"supplies", sdbus::Variant(supplies)},
+            {"trays", sdbus::Variant(trays)}};
 }
 
 } // namespace
@@ -43,6 +61,17 @@ PrintJobsInterface::PrintJobsInterface(sdbus::IConnection& connection, std::stri
     , watcher(controller,
               [this](const std::string& connection, const Job& job) { emitJobChanged(connection, job); },
               [this](const std::string& printer, const PrinterStatus& state) { emitPrinterChanged(printer, state); })
+    , schedulerMessages(getObject().getConnection().addMatch(SchedulerMessages,
+                                                             [this](sdbus::Message& message) {
+                                                                 // Every one of them names the queue first.
+                                                                 std::string queue;
+                                                                 try {
+                                                                     message >> queue;
+                                                                 } catch (const sdbus::Error&) {
+                                                                     return;
+                                                                 }
+                                                                 watcher.queueTouched(queue);
+                                                             }))
     , jobWorkers(JobThreads, JobBacklog)
     , printerWorkers(PrinterThreads, PrinterBacklog)
 {
@@ -67,6 +96,11 @@ bool PrintJobsInterface::finishCalls(std::chrono::steady_clock::time_point deadl
 {
     const bool jobsEnded = jobWorkers.stop(deadline);
     return printerWorkers.stop(deadline) && jobsEnded;
+}
+
+void PrintJobsInterface::savedPrintersChanged()
+{
+    watcher.savedPrintersChanged();
 }
 
 // Read on the bus thread, while the call is the one being processed; the
@@ -119,6 +153,8 @@ void PrintJobsInterface::cancelJob(sdbus::Result<>&& result, uint32_t job)
     PooledCall(jobWorkers, ErrorName).runKnowing(std::move(result), *authorizer, who, ManageJobs,
                                                  [this, who, job](bool everyJob) {
         controller->cancel(who.credentials, static_cast<int>(job), everyJob);
+        // The scheduler says nothing of a waiting job that ends.
+        watcher.jobTouched(static_cast<int>(job));
     });
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "printing/JobController.h"
-#include "printing/JobWatcher.h"
+#include "printing/SchedulerWatcher.h"
 #include "support/Authorizer.h"
 #include "support/WorkerPool.h"
 
@@ -29,6 +29,7 @@ public:
     void refuseCalls();
     // Waits for the running ones until the deadline; true when none is left.
     bool finishCalls(std::chrono::steady_clock::time_point deadline);
+    void savedPrintersChanged();
 
 private:
     using Dictionary = std::map<std::string, sdbus::Variant>;
@@ -46,7 +47,9 @@ private:
 
     std::shared_ptr<JobController> controller;
     std::shared_ptr<Authorizer> authorizer;
-    JobWatcher watcher;
+    SchedulerWatcher watcher;
+    // The scheduler's own messages on the bus; gone before the watcher.
+    sdbus::Slot schedulerMessages;
     // Asking a silent printer takes seconds; it must not hold up jobs.
     WorkerPool jobWorkers;
     WorkerPool printerWorkers;

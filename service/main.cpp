@@ -54,6 +54,8 @@ int main()
     auto printer = std::make_shared<Kestrel::Private::PrintController>();
     Kestrel::Private::PrintingServiceInterface printing(*connection, objectPath, printer);
     Kestrel::Private::PrintJobsInterface jobs(*connection, objectPath, printer, authorizer);
+    // A printer's state is told from its first read as a saved printer.
+    manager.whenSavedPrintersChange([&jobs] { jobs.savedPrintersChanged(); });
     Kestrel::Private::BusEventLoop loop(*connection);
 
     int received = 0;

@@ -236,6 +236,16 @@ std::vector<std::string> DatabaseManager::getUserNames()
     return names;
 }
 
+std::map<std::string, std::string> DatabaseManager::getSavedQueues()
+{
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT cups_name, user_name from printers");
+    std::map<std::string, std::string> queues;
+    while (query.executeStep())
+        queues[query.getColumn(0).getString()] = query.getColumn(1).getString();
+    return queues;
+}
+
 void DatabaseManager::clear()
 {
     auto db = open(databasePath);

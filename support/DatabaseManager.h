@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ public:
     virtual void remove(const std::string& userName);
     virtual std::string getCupsName(const std::string& userName);
     virtual std::vector<std::string> getUserNames();
+    // Every saved printer: CUPS name to user name.
+    virtual std::map<std::string, std::string> getSavedQueues();
     void clear();
 
     const std::string& path() const { return databasePath; }
