@@ -14,8 +14,8 @@ import dbus
 from gi.repository import GLib
 
 from conftest import (BUS_NAME, JOBS, LPADMIN_MEMBER, MANAGER, NOBODY, OBJECT_PATH, WORLD, as_user, call, error_of,
-                      print_document, printed_documents, private_bus, plain, shell, stop_daemon, stop_printer, wait_for,
-                      write_pdf)
+                      print_document, printed_documents, private_bus, plain, shell, start_scheduler, stop_daemon,
+                      stop_printer, stop_scheduler, wait_for, write_pdf)
 
 OTHER = 1
 LPADMIN = grp.getgrnam("lpadmin").gr_gid
@@ -246,3 +246,16 @@ def test_an_ended_job_is_no_longer_followed_even_when_the_scheduler_forgets_it(o
     call(MANAGER, "removePrinter", office)
     assert owner.drain(2) == []
     assert jobs("getJob", job)["reasons"] == ["job-purged"]
+
+
+def test_a_job_followed_through_a_scheduler_restart_ends_with_its_real_state(office, documents):
+    owner, queue = Submitter(), shell("lpstat -v").split()[2].rstrip(":")
+    shell(f"cupsdisable '{queue}'")
+    job = owner.submit(write_pdf(documents / "restart.pdf"), office)
+    assert owner.wait(lambda c: c["state"] == "pending")
+    stop_scheduler()
+    start_scheduler()
+    # The queue comes back paused; resumed, it prints the job it kept.
+    shell(f"cupsenable '{queue}'")
+    assert owner.wait(lambda c: c["id"] == job and c["state"] == "completed", timeout=60)
+    assert jobs("getJob", job)["state"] == "completed"
