@@ -216,10 +216,13 @@ def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(
 
 def test_long_replies_and_signals_from_workers_leave_at_once_while_the_bus_is_quiet(system_log):
     # Both above the 8 MB the bus library's socket takes in one write.
+    # Timed from a running daemon; a sanitizer build handles 12 MiB several times slower.
+    within = 6.0 if os.environ.get("KESTREL_SANITIZE") else 2.0
+    manager("getSavedPrinters")
     user = "u" * (12 << 20)
     started = time.monotonic()
     refusal = error_of(manager, "addPrinter", PRINTER_URI, "Big", [user])
-    assert refusal.message == f"user {user} doesn't exists" and time.monotonic() - started < 2
+    assert refusal.message == f"user {user} doesn't exists" and time.monotonic() - started < within
 
     stop_daemon()
     REGISTRY.unlink()
@@ -231,7 +234,7 @@ def test_long_replies_and_signals_from_workers_leave_at_once_while_the_bus_is_qu
         started = time.monotonic()
         manager("renamePrinter", names[0], "Front desk")
         changed = listener.wait("savedPrintersChanged", timeout=10)
-        assert time.monotonic() - started < 2
+        assert time.monotonic() - started < within
         assert sum(map(len, changed)) >= 11 << 20 and "Front desk" in changed
     finally:
         listener.close()
