@@ -33,6 +33,8 @@ PRINTER_URI = os.environ.get("KESTREL_PRINTER_URI", "")
 DAEMON_LOG = WORLD / "daemon.log"
 DAEMON_ENV = WORLD / "daemon.env"
 REGISTRY = Path("/var/lib/print/printers.db")
+# A sanitizer build (KESTREL_SANITIZE=ON or thread) runs several times slower.
+SANITIZED = os.environ.get("KESTREL_SANITIZE", "OFF") not in ("", "OFF")
 SANITIZER_MARKERS = ("runtime error:", "AddressSanitizer", "LeakSanitizer", "ThreadSanitizer")
 
 

@@ -8,11 +8,12 @@ import urllib.request
 import dbus
 from gi.repository import GLib
 
-from conftest import JOBS, NOBODY, OBJECT_PATH, as_user, call, plain, private_bus, shell, stop_printer, wait_for
+from conftest import (JOBS, NOBODY, OBJECT_PATH, SANITIZED, as_user, call, plain, private_bus, shell, stop_printer,
+                      wait_for)
 
 SPOOLER, SPOOLER_PATH = "com.redhat.PrinterSpooler", "/com/redhat/PrinterSpooler"
 # The bound apps are promised; a sanitizer build runs several times slower.
-WITHIN = 3.0 if os.environ.get("KESTREL_SANITIZE") else 1.0
+WITHIN = 3.0 if SANITIZED else 1.0
 
 
 class PrinterSignals:

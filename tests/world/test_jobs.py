@@ -13,15 +13,15 @@ from concurrent.futures import ThreadPoolExecutor
 import dbus
 from gi.repository import GLib
 
-from conftest import (BUS_NAME, JOBS, LPADMIN_MEMBER, MANAGER, NOBODY, OBJECT_PATH, WORLD, as_user, call, error_of,
-                      print_document, printed_documents, private_bus, plain, shell, start_scheduler, stop_daemon,
+from conftest import (BUS_NAME, JOBS, LPADMIN_MEMBER, MANAGER, NOBODY, OBJECT_PATH, SANITIZED, WORLD, as_user, call,
+                      error_of, print_document, printed_documents, private_bus, plain, shell, start_scheduler, stop_daemon,
                       stop_printer, stop_scheduler, wait_for, write_pdf)
 
 OTHER = 1
 LPADMIN = grp.getgrnam("lpadmin").gr_gid
 LIMIT = 50
 # A change reaches its owner within a second; a sanitizer build runs several times slower.
-WITHIN_SIGNAL = 3.0 if os.environ.get("KESTREL_SANITIZE") else 1.0
+WITHIN_SIGNAL = 3.0 if SANITIZED else 1.0
 
 
 def jobs(method, *args, **kwargs):

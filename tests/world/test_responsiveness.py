@@ -11,8 +11,8 @@ import threading
 import time
 from pathlib import Path
 
-from conftest import (NOBODY, PRINTER_URI, REGISTRY, WORLD, BusError, Signals, SystemLog, daemon_pid, error_of, manager,
-                      print_document, queues, scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
+from conftest import (NOBODY, PRINTER_URI, REGISTRY, SANITIZED, WORLD, BusError, Signals, SystemLog, daemon_pid, error_of,
+                      manager, print_document, queues, scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
 from test_recovery import write_registry
 
 # How long the service waits for the system-log service, and a margin for a loaded machine.
@@ -217,7 +217,7 @@ def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(
 def test_long_replies_and_signals_from_workers_leave_at_once_while_the_bus_is_quiet(system_log):
     # Both above the 8 MB the bus library's socket takes in one write.
     # Timed from a running daemon; a sanitizer build handles 12 MiB several times slower.
-    within = 6.0 if os.environ.get("KESTREL_SANITIZE") else 2.0
+    within = 6.0 if SANITIZED else 2.0
     manager("getSavedPrinters")
     user = "u" * (12 << 20)
     started = time.monotonic()
