@@ -43,7 +43,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 
 run_suite build . -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite build-asan . -DCMAKE_BUILD_TYPE=Debug -DKESTREL_SANITIZE=ON
-run_suite build-tsan 'world-(responsiveness|printers|printing|service|jobs|authorization)' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+run_suite build-tsan 'world-(responsiveness|printers|printing|service|jobs|authorization|changes)' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKESTREL_SANITIZE=thread -DKESTREL_BUILD_BENCHMARKS=OFF
 
 if [ "$status" -ne 0 ]; then
