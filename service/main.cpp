@@ -1,7 +1,6 @@
 #include "manager/PrinterManagerInterface.h"
 #include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
-#include "support/CurlInterface.h"
 #include "support/Privileges.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -29,7 +28,6 @@ int main()
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 64 * 1024);
     mallopt(M_TRIM_THRESHOLD, 128 * 1024);
-    Kestrel::Private::CurlInterface::setUpLibrary();
     // Blocked before any thread starts, so every thread inherits the mask
     // and the stop signals reach only the sigwait below.
     sigset_t stopSignals;

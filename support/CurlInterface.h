@@ -7,17 +7,14 @@ typedef void CURL;
 
 namespace Kestrel::Private {
 
-// Owns one libcurl easy handle, used only to unescape device URIs.
+// Owns one libcurl easy handle, used only to unescape device URIs. The
+// library is loaded by the first init; init fails when it cannot be.
 class CurlInterface {
 public:
     CurlInterface() = default;
     CurlInterface(const CurlInterface&) = delete;
     CurlInterface& operator=(const CurlInterface&) = delete;
     virtual ~CurlInterface();
-
-    // Once, before any thread starts: the library's process-wide set-up is
-    // not safe to run from several threads at once, as workers would.
-    static void setUpLibrary();
 
     virtual bool init();
     virtual std::string unescape(const char* text, std::size_t length);
