@@ -135,8 +135,9 @@ bool CupsInterface::destinationExists(std::string_view cupsName)
     if (cupsName.empty())
         throw std::runtime_error("cups_name is empty");
     // One question to the scheduler about its own queue: enumerating
-    // destinations would also browse the network for printers.
-    CupsRequestHandler handler;
+    // destinations would also browse the network for printers. Asked over
+    // the thread's connection, which the call's other requests use too.
+    auto& handler = CupsRequestHandler::ofThisThread();
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
         handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-name"});
@@ -183,7 +184,7 @@ DeviceMap CupsInterface::getDevices()
 
 bool CupsInterface::isStopped(std::string_view cupsName)
 {
-    CupsRequestHandler handler;
+    auto& handler = CupsRequestHandler::ofThisThread();
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
         handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
@@ -200,7 +201,7 @@ bool CupsInterface::isStopped(std::string_view cupsName)
 
 void CupsInterface::resume(std::string_view cupsName)
 {
-    CupsRequestHandler handler;
+    auto& handler = CupsRequestHandler::ofThisThread();
     handler.prepareRequest(std::string(cupsName), IPP_OP_RESUME_PRINTER);
     handler.executeAdminRequest();
 }
