@@ -18,7 +18,6 @@ JobWatcher::JobWatcher(std::shared_ptr<JobController> controller, JobChanged job
     : controller(std::move(controller))
     , jobChanged(std::move(jobChanged))
     , printerChanged(std::move(printerChanged))
-    , thread([this] { run(); })
 {
 }
 
@@ -29,27 +28,27 @@ JobWatcher::~JobWatcher()
         stopping = true;
     }
     wake.notify_all();
-    thread.join();
+    if (thread.joinable())
+        thread.join();
 }
 
 void JobWatcher::follow(int id, const std::string& connection)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        followed[id].connection = connection;
-    }
-    wake.notify_all();
+    std::lock_guard<std::mutex> lock(mutex);
+    followed[id].connection = connection;
+    if (running || stopping)
+        return;
+    // A thread that ended unlocks the mutex last, so it is gone or about to be.
+    if (thread.joinable())
+        thread.join();
+    running = true;
+    thread = std::thread([this] { run(); });
 }
 
 void JobWatcher::run()
 {
     std::unique_lock<std::mutex> lock(mutex);
-    while (!stopping) {
-        if (followed.empty()) {
-            printers.clear();
-            wake.wait(lock, [this] { return stopping || !followed.empty(); });
-            continue;
-        }
+    while (!stopping && !followed.empty()) {
         const auto snapshot = followed;
         lock.unlock();
         const auto looked = poll(snapshot);
@@ -64,6 +63,8 @@ void JobWatcher::run()
         }
         wake.wait_for(lock, PollInterval, [this] { return stopping; });
     }
+    printers.clear();
+    running = false;
 }
 
 std::map<int, JobWatcher::Followed> JobWatcher::poll(std::map<int, Followed> jobs)

@@ -13,8 +13,9 @@
 namespace Kestrel::Private {
 
 // Follows submitted jobs until they end, asking the scheduler a few times a
-// second while (and only while) one is active; otherwise its thread sleeps
-// without a time-out. Reports changes of a job and of the queues it waits on.
+// second while (and only while) one is active; its thread starts with the
+// first job followed and ends with the last, so an idle daemon keeps none.
+// Reports changes of a job and of the queues it waits on.
 class JobWatcher {
 public:
     using JobChanged = std::function<void(const std::string& connection, const Job& job)>;
@@ -47,6 +48,7 @@ private:
     // Printer user name to its queue's last state, while a job waits on it.
     std::map<std::string, PrinterStatus> printers;
     bool stopping = false;
+    bool running = false;
     std::thread thread;
 };
 
