@@ -14,6 +14,8 @@
 #include <map>
 #include <stdexcept>
 #include <system_error>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kestrel::Private {
@@ -217,23 +219,57 @@ std::string DatabaseManager::getCupsName(const std::string& userName)
 {
     if (userName.empty())
         throw std::invalid_argument("invalid argument");
-    auto db = open(databasePath);
-    SQLite::Statement query(db, "SELECT cups_name from printers where user_name=?");
-    query.bind(1, userName);
     std::string cupsName;
-    while (query.executeStep())
-        cupsName = query.getColumn(0).getString();
+    for (const auto& [cups, user] : rows()) {
+        if (user == userName)
+            cupsName = cups;
+    }
     return cupsName;
 }
 
 std::vector<std::string> DatabaseManager::getUserNames()
 {
-    auto db = open(databasePath);
-    SQLite::Statement query(db, "SELECT user_name from printers");
     std::vector<std::string> names;
-    while (query.executeStep())
-        names.push_back(query.getColumn(0).getString());
+    for (auto& row : rows())
+        names.push_back(std::move(row.second));
     return names;
+}
+
+// SQLite counts every committed write in the file's header (offset 24), and
+// a rolled-back write leaves the count as it was.
+std::optional<DatabaseManager::Stamp> DatabaseManager::stamp() const
+{
+    const int fd = ::open(databasePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat status {};
+    unsigned char counter[4] = {};
+    const bool read = ::fstat(fd, &status) == 0 && ::pread(fd, counter, sizeof counter, 24) == sizeof counter;
+    ::close(fd);
+    if (!read)
+        return std::nullopt;
+    return Stamp{status.st_dev, status.st_ino,
+                 static_cast<uint32_t>(counter[0]) << 24 | counter[1] << 16 | counter[2] << 8 | counter[3]};
+}
+
+DatabaseManager::Rows DatabaseManager::rows()
+{
+    // Taken before the rows are read: a write in between shows in the next stamp.
+    const auto now = stamp();
+    {
+        std::lock_guard<std::mutex> lock(cacheMutex);
+        if (now && cachedStamp == now)
+            return cachedRows;
+    }
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT cups_name, user_name from printers");
+    Rows read;
+    while (query.executeStep())
+        read.emplace_back(query.getColumn(0).getString(), query.getColumn(1).getString());
+    std::lock_guard<std::mutex> lock(cacheMutex);
+    cachedStamp = now;
+    cachedRows = read;
+    return read;
 }
 
 void DatabaseManager::clear()
