@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 
 namespace Kestrel::Private {
 
@@ -58,30 +60,32 @@ CurlInterface::~CurlInterface()
         curlLibrary()->easyCleanup(handle);
 }
 
+// The handle is made when a text first needs one: most device URIs carry no
+// escape, and for those the library is never loaded.
 bool CurlInterface::init()
 {
-    const CurlLibrary* curl = curlLibrary();
-    if (!curl)
-        return false;
-    CURL* fresh = curl->easyInit();
-    if (!fresh)
-        return false;
     if (handle)
-        curl->easyCleanup(handle);
-    handle = fresh;
+        curlLibrary()->easyCleanup(handle);
+    handle = nullptr;
     return true;
 }
 
 std::string CurlInterface::unescape(const char* text, std::size_t length)
 {
+    const auto bounded = std::min<std::size_t>(length, INT_MAX);
+    // Without a '%' there is nothing to decode: the library would hand back
+    // the same bytes, read up to the first NUL like any C string.
+    if (!std::memchr(text, '%', bounded))
+        return std::string(text, ::strnlen(text, bounded));
     const CurlLibrary* curl = curlLibrary();
+    if (curl && !handle)
+        handle = curl->easyInit();
+    if (!handle)
+        throw std::runtime_error("failed to init curl for uri parsing");
     const auto release = [curl](char* unescaped) { curl->free(unescaped); };
     int unescapedLength = 0;
     std::unique_ptr<char, decltype(release)> unescaped(
-        curl ? curl->easyUnescape(handle, text, static_cast<int>(std::min<std::size_t>(length, INT_MAX)),
-                                  &unescapedLength)
-             : nullptr,
-        release);
+        curl->easyUnescape(handle, text, static_cast<int>(bounded), &unescapedLength), release);
     // A null result throws the library's logic error, as the C-string
     // constructor does.
     return std::string(static_cast<const char*>(unescaped.get()));

@@ -8,7 +8,8 @@ typedef void CURL;
 namespace Kestrel::Private {
 
 // Owns one libcurl easy handle, used only to unescape device URIs. The
-// library is loaded by the first init; init fails when it cannot be.
+// library is loaded, and the handle made, by the first text with an escape;
+// unescape fails with init's message when either cannot be.
 class CurlInterface {
 public:
     CurlInterface() = default;
