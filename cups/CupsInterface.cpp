@@ -4,6 +4,7 @@
 #include "support/CurlInterface.h"
 #include "support/IppChecker.h"
 #include "support/Uri.h"
+#include "support/WorkerPool.h"
 
 #include <cups/adminutil.h>
 #include <cups/cups.h>
@@ -120,7 +121,9 @@ std::vector<std::string> probeAll(const std::vector<std::string>& uris)
             }
             std::lock_guard<std::mutex> done(round->lock);
             round->keys[i] = std::move(key);
-            --round->running;
+            // TLS probes leave much freed behind (the trust store).
+            if (--round->running == 0)
+                WorkerPool::trimWhenThisThreadEnds();
             round->finished.notify_all();
         }).detach();
     }

@@ -113,6 +113,7 @@ void PrinterManagerInterface::scan()
 
 void PrinterManagerInterface::runScan()
 {
+    WorkerPool::trimWhenThisThreadEnds();
     try {
         emitAccessiblePrintersChanged(controller.getAccessiblePrinters());
     } catch (const std::exception& error) {

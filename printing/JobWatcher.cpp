@@ -1,6 +1,7 @@
 #include "printing/JobWatcher.h"
 
 #include "support/Diagnostics.h"
+#include "support/WorkerPool.h"
 
 #include <chrono>
 
@@ -65,6 +66,7 @@ void JobWatcher::run()
     }
     printers.clear();
     running = false;
+    WorkerPool::trimWhenThisThreadEnds();
 }
 
 std::map<int, JobWatcher::Followed> JobWatcher::poll(std::map<int, Followed> jobs)
