@@ -27,6 +27,7 @@ const int openFlags = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE;
 // file locked by another's short write waits for it rather than fail.
 const int busyTimeoutMs = 2000;
 const char* const versionRead = "SELECT value FROM version WHERE id=1";
+constexpr size_t CachedRowsLimit = 1000;
 
 // Tables and version row commit together: a kill cannot leave tables without a version.
 void createSchema001(SQLite::Database& db)
@@ -220,18 +221,33 @@ std::string DatabaseManager::getCupsName(const std::string& userName)
     if (userName.empty())
         throw std::invalid_argument("invalid argument");
     std::string cupsName;
-    for (const auto& [cups, user] : rows()) {
-        if (user == userName)
-            cupsName = cups;
+    if (const auto rows = smallRegistry()) {
+        for (const auto& [cups, user] : *rows) {
+            if (user == userName)
+                cupsName = cups;
+        }
+        return cupsName;
     }
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT cups_name from printers where user_name=?");
+    query.bind(1, userName);
+    while (query.executeStep())
+        cupsName = query.getColumn(0).getString();
     return cupsName;
 }
 
 std::vector<std::string> DatabaseManager::getUserNames()
 {
     std::vector<std::string> names;
-    for (auto& row : rows())
-        names.push_back(std::move(row.second));
+    if (auto rows = smallRegistry()) {
+        for (auto& row : *rows)
+            names.push_back(std::move(row.second));
+        return names;
+    }
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT user_name from printers");
+    while (query.executeStep())
+        names.push_back(query.getColumn(0).getString());
     return names;
 }
 
@@ -252,7 +268,7 @@ std::optional<DatabaseManager::Stamp> DatabaseManager::stamp() const
                  static_cast<uint32_t>(counter[0]) << 24 | counter[1] << 16 | counter[2] << 8 | counter[3]};
 }
 
-DatabaseManager::Rows DatabaseManager::rows()
+std::optional<DatabaseManager::Rows> DatabaseManager::smallRegistry()
 {
     // Taken before the rows are read: a write in between shows in the next stamp.
     const auto now = stamp();
@@ -262,14 +278,18 @@ DatabaseManager::Rows DatabaseManager::rows()
             return cachedRows;
     }
     auto db = open(databasePath);
-    SQLite::Statement query(db, "SELECT cups_name, user_name from printers");
+    SQLite::Statement query(db, "SELECT cups_name, user_name from printers LIMIT ?");
+    query.bind(1, static_cast<int64_t>(CachedRowsLimit + 1));
     Rows read;
     while (query.executeStep())
         read.emplace_back(query.getColumn(0).getString(), query.getColumn(1).getString());
+    std::optional<Rows> small;
+    if (read.size() <= CachedRowsLimit)
+        small = std::move(read);
     std::lock_guard<std::mutex> lock(cacheMutex);
     cachedStamp = now;
-    cachedRows = read;
-    return read;
+    cachedRows = small;
+    return small;
 }
 
 void DatabaseManager::clear()

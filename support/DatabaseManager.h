@@ -13,8 +13,9 @@ namespace Kestrel::Private {
 
 // The registry of saved printers: CUPS queue name to the name users see.
 // Every write opens its own connection; the file is the only state. Reads
-// are answered from the last rows read while the file's change counter
-// says nothing was written since, so reads cost a few system calls.
+// of a registry of a device's size are answered from the last rows read
+// while the file's change counter says nothing was written since, so they
+// cost a few system calls.
 class DatabaseManager {
 public:
     explicit DatabaseManager(std::string directory = "/var/lib/print");
@@ -43,8 +44,9 @@ private:
     using Rows = std::vector<std::pair<std::string, std::string>>;
 
     std::optional<Stamp> stamp() const;
-    // Every (cups_name, user_name) row in the table's order.
-    Rows rows();
+    // Every (cups_name, user_name) row in the table's order; none for a
+    // registry too big to keep in memory.
+    std::optional<Rows> smallRegistry();
     void openAndValidate();
     void createFresh();
     std::string readFailure() const;
@@ -55,7 +57,7 @@ private:
     std::string databasePath;
     std::mutex cacheMutex;
     std::optional<Stamp> cachedStamp;
-    Rows cachedRows;
+    std::optional<Rows> cachedRows;
 };
 
 } // namespace Kestrel::Private
