@@ -1,6 +1,8 @@
 // getPrinterAttributes, print, addPrinter and removePrinter over the bus
-// against the same IPP requests sent in-process with libcups. The only
-// argument names the conditions (e.g. whether avahi-daemon runs).
+// against the same IPP requests sent in-process with libcups. Prints go to
+// a paused queue, so neither the printer nor the filters are timed, and the
+// queue's jobs are purged after each round. The only argument names the
+// conditions (e.g. whether avahi-daemon runs).
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"
@@ -9,7 +11,9 @@
 
 #include <chrono>
 #include <fcntl.h>
+#include <sys/types.h>
 #include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,10 +35,13 @@ const char* const onePagePdf =
     "3 0 obj\n<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>\nendobj\n"
     "trailer\n<< /Root 1 0 R >>\n%%EOF\n";
 
-std::string writeDocument(int index)
+// A small document, or one padded to `size` bytes (sparse, so writing it costs little).
+std::string writeDocument(const std::string& name, off_t size = 0)
 {
-    const std::string path = std::string(std::getenv("KESTREL_WORLD_DIR")) + "/bench-" + std::to_string(index) + ".pdf";
+    const std::string path = std::string(std::getenv("KESTREL_WORLD_DIR")) + "/" + name + ".pdf";
     std::ofstream(path) << onePagePdf;
+    if (size > 0 && ::truncate(path.c_str(), size) != 0)
+        std::perror(path.c_str());
     return path;
 }
 
@@ -54,11 +61,12 @@ void waitUntilReady(CupsRequestHandler& handler, const std::string& queue)
     }
 }
 
-// Jobs still being converted and sent would slow whatever is measured next.
-void waitUntilNoJobs()
+// Every job of the queue and its history, so each round meets the same
+// scheduler: jobs left from earlier rounds would make each one slower.
+void purgeJobs(CupsRequestHandler& handler, const std::string& queue)
 {
-    if (std::system("for i in $(seq 600); do [ -z \"$(lpstat -o)\" ] && exit 0; sleep 0.1; done; exit 1") != 0)
-        std::fprintf(stderr, "jobs still pending after a minute\n");
+    handler.prepareRequest(queue, IPP_OP_PURGE_JOBS);
+    handler.executeAdminRequest();
 }
 
 void addQueue(CupsRequestHandler& handler, const std::string& queue, const std::string& uri)
@@ -89,6 +97,27 @@ void printDirectly(CupsRequestHandler& handler, const std::string& queue, const 
     ::close(document);
 }
 
+// Print rounds of one document size to the paused queue: the service's print
+// and the same two requests in-process, alternately, the jobs purged after
+// each round.
+void reportPrint(ServiceClient& client, CupsRequestHandler& admin, const std::string& queue,
+                 const std::string& figure, off_t size, int rounds)
+{
+    CupsRequestHandler jobs;
+    std::vector<double> print, printDirect;
+    for (int round = 0; round < rounds; ++round) {
+        // The service removes each document it has printed.
+        const std::string path = writeDocument("bench-print", size);
+        print.push_back(Measure::milliseconds([&] { client.print(path, "Bench"); }));
+        writeDocument("bench-print", size);
+        printDirect.push_back(Measure::milliseconds([&] { printDirectly(jobs, queue, path); }));
+        ::unlink(path.c_str());
+        purgeJobs(admin, queue);
+    }
+    Measure::report(figure, Measure::median(print), "Create-Job + Send-Document in-process",
+                    Measure::median(printDirect));
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -115,19 +144,11 @@ int main(int argc, char* argv[])
     Measure::report("getPrinterAttributes" + conditions, attributes, "Get-Printer-Attributes in-process",
                     attributesDirect);
 
-    CupsRequestHandler jobs;
-    std::vector<double> print, printDirect;
-    waitUntilNoJobs();
-    for (int round = 0; round < 50; ++round) {
-        // The service removes each document it has printed.
-        const std::string path = writeDocument(round);
-        print.push_back(Measure::milliseconds([&] { client.print(path, "Bench"); }));
-        writeDocument(round);
-        printDirect.push_back(Measure::milliseconds([&] { printDirectly(jobs, queue, path); }));
-    }
-    waitUntilNoJobs();
-    Measure::report("print" + conditions, Measure::median(print), "Create-Job + Send-Document in-process",
-                    Measure::median(printDirect));
+    // Paused, so neither the printer nor the filters take part in what is timed.
+    admin.prepareRequest(queue, IPP_OP_PAUSE_PRINTER);
+    admin.executeAdminRequest();
+    reportPrint(client, admin, queue, "print, small PDF, paused queue" + conditions, 0, 50);
+    reportPrint(client, admin, queue, "print, 20 MB PDF, paused queue" + conditions, 20 << 20, 15);
 
     std::vector<double> add, remove, addDirect, addReadyDirect, removeDirect;
     for (int round = 0; round < 10; ++round) {

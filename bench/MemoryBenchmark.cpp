@@ -1,6 +1,6 @@
-// Resident and proportional memory of the idle daemon against a minimal
-// sdbus-c++ service on the same bus (the system-log stand-in). The only
-// argument names the moment (e.g. "fresh").
+// Resident, proportional and private dirty memory of the idle daemon against
+// a minimal sdbus-c++ service on the same bus (the system-log stand-in). The
+// only argument names the moment (e.g. "fresh").
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"
@@ -60,7 +60,7 @@ int main(int argc, char* argv[])
     const pid_t daemon = client.ownerPid("ru.zorv.print");
     const pid_t anchor = client.ownerPid("ru.quentis.SystemLogs");
     waitUntilIdle(daemon);
-    for (const char* field : {"Rss", "Pss"})
+    for (const char* field : {"Rss", "Pss", "Private_Dirty"})
         Measure::report(std::string("idle daemon ") + field + moment, procField(daemon, "smaps_rollup", field),
                         std::string("system-log stand-in ") + field, procField(anchor, "smaps_rollup", field), "kB");
     return 0;

@@ -4,6 +4,7 @@
 #include "support/CurlInterface.h"
 #include "support/IppChecker.h"
 #include "support/Uri.h"
+#include "support/WorkerPool.h"
 
 #include <cups/adminutil.h>
 #include <cups/cups.h>
@@ -120,7 +121,9 @@ std::vector<std::string> probeAll(const std::vector<std::string>& uris)
             }
             std::lock_guard<std::mutex> done(round->lock);
             round->keys[i] = std::move(key);
-            --round->running;
+            // TLS probes leave much freed behind (the trust store).
+            if (--round->running == 0)
+                WorkerPool::trimWhenThisThreadEnds();
             round->finished.notify_all();
         }).detach();
     }
@@ -132,20 +135,32 @@ std::vector<std::string> probeAll(const std::vector<std::string>& uris)
 
 bool CupsInterface::destinationExists(std::string_view cupsName)
 {
+    return queueCondition(cupsName).exists;
+}
+
+CupsInterface::QueueCondition CupsInterface::queueCondition(std::string_view cupsName)
+{
     if (cupsName.empty())
         throw std::runtime_error("cups_name is empty");
     // One question to the scheduler about its own queue: enumerating
-    // destinations would also browse the network for printers.
-    CupsRequestHandler handler;
+    // destinations would also browse the network for printers. Asked over
+    // the thread's connection, which the call's other requests use too.
+    auto& handler = CupsRequestHandler::ofThisThread();
     try {
         handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
-        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", {"printer-name"});
+        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
+                           {"printer-name", "printer-state", "printer-state-message"});
         handler.executeAdminRequest();
+        auto attributes = handler.getAttributes({"printer-name", "printer-state"});
         // The scheduler's own lookup ignores letter case.
-        const std::vector<std::string> wanted{std::string(cupsName)};
-        return handler.getAttributes({"printer-name"})["printer-name"] == wanted;
+        const bool exists = attributes["printer-name"] == std::vector<std::string>{std::string(cupsName)};
+        // The scheduler's own text for a pause asked for without a reason
+        // (cupsdisable); a backend that stops the queue leaves its own message.
+        const bool stopped = attributes["printer-state"] == std::vector<std::string>{"stopped"} &&
+                             handler.getText("printer-state-message") != "Paused";
+        return {exists, exists && stopped};
     } catch (const std::exception&) {
-        return false;
+        return {};
     }
 }
 
@@ -181,26 +196,9 @@ DeviceMap CupsInterface::getDevices()
     return devices;
 }
 
-bool CupsInterface::isStopped(std::string_view cupsName)
-{
-    CupsRequestHandler handler;
-    try {
-        handler.prepareRequest(std::string(cupsName), IPP_OP_GET_PRINTER_ATTRIBUTES);
-        handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes",
-                           {"printer-state", "printer-state-message"});
-        handler.executeAdminRequest();
-        // The scheduler's own text for a pause asked for without a reason
-        // (cupsdisable); a backend that stops the queue leaves its own message.
-        return handler.getAttributes({"printer-state"})["printer-state"] == std::vector<std::string>{"stopped"} &&
-               handler.getText("printer-state-message") != "Paused";
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 void CupsInterface::resume(std::string_view cupsName)
 {
-    CupsRequestHandler handler;
+    auto& handler = CupsRequestHandler::ofThisThread();
     handler.prepareRequest(std::string(cupsName), IPP_OP_RESUME_PRINTER);
     handler.executeAdminRequest();
 }

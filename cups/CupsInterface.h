@@ -14,11 +14,17 @@ class CupsInterface {
 public:
     virtual ~CupsInterface() = default;
 
+    // What a job needs to know of its queue, from one request.
+    struct QueueCondition {
+        bool exists = false;
+        // Stopped by the scheduler itself, not paused by an administrator with cupsdisable.
+        bool stoppedByScheduler = false;
+    };
+
     virtual bool destinationExists(std::string_view cupsName);
+    // A queue the scheduler cannot be asked about counts as missing.
+    virtual QueueCondition queueCondition(std::string_view cupsName);
     virtual DeviceMap getDevices();
-    // Stopped by the scheduler itself, not paused by an administrator with
-    // cupsdisable; a queue the scheduler cannot be asked about counts as not stopped.
-    virtual bool isStopped(std::string_view cupsName);
     virtual void resume(std::string_view cupsName);
 };
 

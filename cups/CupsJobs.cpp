@@ -212,7 +212,7 @@ bool PrinterStatus::sameState(const PrinterStatus& other) const
 
 std::set<int> CupsJobs::activeJobIds()
 {
-    CupsRequestHandler handler;
+    auto& handler = CupsRequestHandler::ofThisThread();
     handler.newRequest(IPP_OP_GET_JOBS);
     handler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", "ipp://localhost/");
     handler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", "defaultuser");
@@ -240,7 +240,7 @@ JobStatus CupsJobs::jobStatus(const std::string& queue, int id)
 
 void CupsJobs::cancel(const std::string& queue, int id)
 {
-    CupsRequestHandler handler;
+    auto& handler = CupsRequestHandler::ofThisThread();
     handler.prepareRequest(queue, IPP_OP_CANCEL_JOB);
     handler.addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", id);
     handler.executePrintRequest();

@@ -50,8 +50,10 @@ struct PrinterStatus {
     bool sameState(const PrinterStatus& other) const;
 };
 
-// Jobs and printer states through IPP; every call makes its own request
-// handler, so any thread may call it.
+// Jobs and printer states through IPP; any thread may call it. What a print
+// asks goes over the calling thread's scheduler connection; what the job
+// watcher asks, over a connection of its own for each call, so that none
+// stays open between jobs.
 class CupsJobs {
 public:
     virtual ~CupsJobs() = default;

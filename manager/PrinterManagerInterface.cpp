@@ -144,6 +144,7 @@ void PrinterManagerInterface::scan()
 
 void PrinterManagerInterface::runScan()
 {
+    WorkerPool::trimWhenThisThreadEnds();
     try {
         emitAccessiblePrintersChanged(controller.getAccessiblePrinters());
         BusEventLoop::messageSent();

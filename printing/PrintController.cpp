@@ -84,18 +84,21 @@ int PrintController::print(const CallerCredentials& caller, const std::string& p
 // Counted from the scheduler's own list, so jobs of earlier runs count too.
 // Taken under a lock and held until the job is in the store: however fast
 // the calls come, none slips past the limit, and none is counted twice.
+// The scheduler is asked only when the owner's recorded jobs could reach it.
 void PrintController::reserveSlot(uid_t owner)
 {
     std::lock_guard<std::mutex> lock(slotMutex);
-    std::set<int> active;
-    try {
-        active = jobs->activeJobIds();
-    } catch (const std::exception&) {
-        // A scheduler that cannot be asked refuses the job itself, with its own message.
-    }
     size_t count = starting[owner];
-    for (const auto& job : store->list(owner))
-        count += active.count(job.id);
+    if (count + store->count(owner) >= ActiveJobsPerCaller) {
+        std::set<int> active;
+        try {
+            active = jobs->activeJobIds();
+        } catch (const std::exception&) {
+            // A scheduler that cannot be asked refuses the job itself, with its own message.
+        }
+        for (const auto& job : store->list(owner))
+            count += active.count(job.id);
+    }
     if (count >= ActiveJobsPerCaller)
         throw std::runtime_error("too many active print jobs: a user may have at most " +
                                  std::to_string(ActiveJobsPerCaller) +
@@ -145,10 +148,12 @@ int PrintController::createJob(const Document& document, const std::string& cups
                                const std::map<std::string, std::string>& options)
 {
     return logFailures([&] {
-        if (!cups->destinationExists(cupsName))
+        const auto queue = cups->queueCondition(cupsName);
+        if (!queue.exists)
             throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         PrintOptions::check(options);
-        restartStoppedQueue(cupsName);
+        if (queue.stoppedByScheduler)
+            restart(cupsName);
         auto& requestHandler = CupsRequestHandler::ofThisThread();
         requestHandler.prepareRequest(cupsName, IPP_OP_CREATE_JOB);
         PrintOptions::addTo(requestHandler, options);
@@ -160,11 +165,9 @@ int PrintController::createJob(const Document& document, const std::string& cups
 // The scheduler stops a queue when its printer vanishes in the middle of a
 // document (the backend asks for it, whatever the error policy) and nothing
 // else restarts it. Resuming here also heals queues made before; a queue an
-// administrator paused stays paused (isStopped).
-void PrintController::restartStoppedQueue(const std::string& cupsName)
+// administrator paused stays paused (queueCondition).
+void PrintController::restart(const std::string& cupsName)
 {
-    if (!cups->isStopped(cupsName))
-        return;
     try {
         cups->resume(cupsName);
     } catch (const std::exception& error) {
@@ -178,15 +181,22 @@ void PrintController::sendDocument(const CallerCredentials& caller, const Docume
     logFailures([&] {
         if (!system->documentExists(caller, document))
             throw std::runtime_error("file " + document.path() + "doesn't exist.");
-        if (!cups->destinationExists(cupsName))
-            throw std::runtime_error("printer " + cupsName + " doesn't exist.");
         auto& requestHandler = CupsRequestHandler::ofThisThread();
         requestHandler.prepareRequest(cupsName, IPP_OP_SEND_DOCUMENT);
         requestHandler.addInteger(IPP_TAG_OPERATION, IPP_TAG_INTEGER, "job-id", jobId);
         requestHandler.addString(IPP_TAG_OPERATION, IPP_TAG_MIMETYPE, "document-format", "application/pdf");
         requestHandler.addBoolean(IPP_TAG_OPERATION, "last-document", true);
-        // The descriptor opened with the caller's rights, never the path again.
-        requestHandler.executePrintFileRequest(document.file());
+        try {
+            // The descriptor opened with the caller's rights, never the path again.
+            requestHandler.executePrintFileRequest(document.file());
+        } catch (const std::exception&) {
+            // The queue was just there for Create-Job, so it is asked about
+            // only when the scheduler refuses: a queue gone meanwhile is
+            // named as such, any other refusal keeps the scheduler's words.
+            if (!cups->destinationExists(cupsName))
+                throw std::runtime_error("printer " + cupsName + " doesn't exist.");
+            throw;
+        }
     });
 }
 

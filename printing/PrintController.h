@@ -42,7 +42,7 @@ private:
     std::optional<Document> copyIfNotAscii(const CallerCredentials& caller, const std::string& path);
     int createJob(const Document& document, const std::string& cupsName,
                   const std::map<std::string, std::string>& options);
-    void restartStoppedQueue(const std::string& cupsName);
+    void restart(const std::string& cupsName);
     void reserveSlot(uid_t owner);
     void releaseSlot(uid_t owner);
     void recordJob(const JobRecord& job);

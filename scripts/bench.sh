@@ -28,6 +28,8 @@ fi
 
 # Inside the world: the system-log stand-in, then every benchmark.
 if [ "${1:-}" = --in-world ]; then
+    # First: it starts and stops both services itself.
+    "$build/bench/startup-benchmark"
     start_system_log
     "$build/bench/memory-benchmark" fresh
     "$build/bench/idle-benchmark"
@@ -55,7 +57,7 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
-    scan-benchmark memory-benchmark idle-benchmark >/dev/null
+    scan-benchmark memory-benchmark idle-benchmark startup-benchmark >/dev/null
 export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT

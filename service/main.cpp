@@ -3,7 +3,6 @@
 #include "printing/PrintJobsInterface.h"
 #include "printing/PrintingServiceInterface.h"
 #include "support/Authorizer.h"
-#include "support/CurlInterface.h"
 #include "support/Privileges.h"
 #include "support/SystemInterface.h"
 
@@ -32,7 +31,6 @@ int main()
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 64 * 1024);
     mallopt(M_TRIM_THRESHOLD, 128 * 1024);
-    Kestrel::Private::CurlInterface::setUpLibrary();
     // Blocked before any thread starts, so every thread inherits the mask
     // and the stop signals reach only the sigwait below.
     sigset_t stopSignals;
@@ -57,6 +55,8 @@ int main()
     // A printer's state is told from its first read as a saved printer.
     manager.whenSavedPrintersChange([&jobs] { jobs.savedPrintersChanged(); });
     Kestrel::Private::BusEventLoop loop(*connection);
+    // What start-up freed (the registry check above all) goes back now, not at the first call.
+    malloc_trim(0);
 
     int received = 0;
     sigwait(&stopSignals, &received);

@@ -2,7 +2,9 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <deque>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 
 namespace Kestrel::Private {
@@ -11,10 +13,35 @@ namespace {
 
 // The kernel's stand-in for a group it cannot name ("nogroup").
 const gid_t OverflowGid = 65534;
+// Enough for the few apps that print in a row.
+const size_t RememberedSenders = 8;
+
+// The bus never gives a unique name to a second connection, and what it
+// vouches for a connection is fixed when it connects: a sender's answer
+// stays true, so the latest few are kept rather than asked for each call.
+std::mutex recentLock;
+std::deque<std::pair<std::string, CallerCredentials>> recent;
 
 } // namespace
 
 CallerCredentials CallerCredentials::ofSender(sdbus::IConnection& connection, const std::string& sender)
+{
+    {
+        std::lock_guard<std::mutex> lock(recentLock);
+        for (const auto& [name, caller] : recent) {
+            if (name == sender)
+                return caller;
+        }
+    }
+    const auto caller = askBus(connection, sender);
+    std::lock_guard<std::mutex> lock(recentLock);
+    recent.emplace_front(sender, caller);
+    if (recent.size() > RememberedSenders)
+        recent.pop_back();
+    return caller;
+}
+
+CallerCredentials CallerCredentials::askBus(sdbus::IConnection& connection, const std::string& sender)
 {
     // Asked of the bus daemon, which took them from the kernel when the
     // sender connected: its groups list the primary gid first, then the

@@ -22,6 +22,9 @@ struct CallerCredentials {
     std::vector<gid_t> groups;
 
     static CallerCredentials ofSender(sdbus::IConnection& connection, const std::string& sender);
+
+private:
+    static CallerCredentials askBus(sdbus::IConnection& connection, const std::string& sender);
 };
 
 } // namespace Kestrel::Private

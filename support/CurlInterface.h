@@ -7,17 +7,15 @@ typedef void CURL;
 
 namespace Kestrel::Private {
 
-// Owns one libcurl easy handle, used only to unescape device URIs.
+// Owns one libcurl easy handle, used only to unescape device URIs. The
+// library is loaded, and the handle made, by the first text with an escape;
+// unescape fails with init's message when either cannot be.
 class CurlInterface {
 public:
     CurlInterface() = default;
     CurlInterface(const CurlInterface&) = delete;
     CurlInterface& operator=(const CurlInterface&) = delete;
     virtual ~CurlInterface();
-
-    // Once, before any thread starts: the library's process-wide set-up is
-    // not safe to run from several threads at once, as workers would.
-    static void setUpLibrary();
 
     virtual bool init();
     virtual std::string unescape(const char* text, std::size_t length);

@@ -14,6 +14,8 @@
 #include <map>
 #include <stdexcept>
 #include <system_error>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kestrel::Private {
@@ -25,6 +27,7 @@ const int openFlags = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE;
 // file locked by another's short write waits for it rather than fail.
 const int busyTimeoutMs = 2000;
 const char* const versionRead = "SELECT value FROM version WHERE id=1";
+constexpr size_t CachedRowsLimit = 1000;
 
 // Tables and version row commit together: a kill cannot leave tables without a version.
 void createSchema001(SQLite::Database& db)
@@ -217,10 +220,17 @@ std::string DatabaseManager::getCupsName(const std::string& userName)
 {
     if (userName.empty())
         throw std::invalid_argument("invalid argument");
+    std::string cupsName;
+    if (const auto rows = smallRegistry()) {
+        for (const auto& [cups, user] : *rows) {
+            if (user == userName)
+                cupsName = cups;
+        }
+        return cupsName;
+    }
     auto db = open(databasePath);
     SQLite::Statement query(db, "SELECT cups_name from printers where user_name=?");
     query.bind(1, userName);
-    std::string cupsName;
     while (query.executeStep())
         cupsName = query.getColumn(0).getString();
     return cupsName;
@@ -228,9 +238,14 @@ std::string DatabaseManager::getCupsName(const std::string& userName)
 
 std::vector<std::string> DatabaseManager::getUserNames()
 {
+    std::vector<std::string> names;
+    if (auto rows = smallRegistry()) {
+        for (auto& row : *rows)
+            names.push_back(std::move(row.second));
+        return names;
+    }
     auto db = open(databasePath);
     SQLite::Statement query(db, "SELECT user_name from printers");
-    std::vector<std::string> names;
     while (query.executeStep())
         names.push_back(query.getColumn(0).getString());
     return names;
@@ -244,6 +259,47 @@ std::map<std::string, std::string> DatabaseManager::getSavedQueues()
     while (query.executeStep())
         queues[query.getColumn(0).getString()] = query.getColumn(1).getString();
     return queues;
+}
+
+// SQLite counts every committed write in the file's header (offset 24), and
+// a rolled-back write leaves the count as it was.
+std::optional<DatabaseManager::Stamp> DatabaseManager::stamp() const
+{
+    const int fd = ::open(databasePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat status {};
+    unsigned char counter[4] = {};
+    const bool read = ::fstat(fd, &status) == 0 && ::pread(fd, counter, sizeof counter, 24) == sizeof counter;
+    ::close(fd);
+    if (!read)
+        return std::nullopt;
+    return Stamp{status.st_dev, status.st_ino,
+                 static_cast<uint32_t>(counter[0]) << 24 | counter[1] << 16 | counter[2] << 8 | counter[3]};
+}
+
+std::optional<DatabaseManager::Rows> DatabaseManager::smallRegistry()
+{
+    // Taken before the rows are read: a write in between shows in the next stamp.
+    const auto now = stamp();
+    {
+        std::lock_guard<std::mutex> lock(cacheMutex);
+        if (now && cachedStamp == now)
+            return cachedRows;
+    }
+    auto db = open(databasePath);
+    SQLite::Statement query(db, "SELECT cups_name, user_name from printers LIMIT ?");
+    query.bind(1, static_cast<int64_t>(CachedRowsLimit + 1));
+    Rows read;
+    while (query.executeStep())
+        read.emplace_back(query.getColumn(0).getString(), query.getColumn(1).getString());
+    std::optional<Rows> small;
+    if (read.size() <= CachedRowsLimit)
+        small = std::move(read);
+    std::lock_guard<std::mutex> lock(cacheMutex);
+    cachedStamp = now;
+    cachedRows = small;
+    return small;
 }
 
 void DatabaseManager::clear()

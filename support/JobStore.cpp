@@ -3,6 +3,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include <filesystem>
+#include <memory>
 
 namespace Kestrel::Private {
 
@@ -12,12 +13,22 @@ namespace {
 constexpr int BusyTimeoutMs = 5000;
 const char* const Columns = "SELECT id, owner, queue, printer, document, created FROM jobs ";
 
-SQLite::Database open(const std::string& path)
+// The calling thread's connection to the file, kept for the thread's life:
+// a print reads and writes the store on the same worker, and workers end
+// a few seconds after their last call, closing it.
+SQLite::Database& connection(const std::string& path)
 {
-    SQLite::Database db(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, BusyTimeoutMs);
-    db.exec("CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, owner INTEGER NOT NULL, queue TEXT NOT NULL, "
-            "printer TEXT NOT NULL, document TEXT NOT NULL, created INTEGER NOT NULL)");
-    return db;
+    thread_local std::string openPath;
+    thread_local std::unique_ptr<SQLite::Database> db;
+    if (!db || openPath != path) {
+        db.reset();
+        db = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE, BusyTimeoutMs);
+        // A commit appends to the log without waiting for the disk; a power
+        // cut may lose the newest records, never the file.
+        db->exec("PRAGMA synchronous=NORMAL");
+        openPath = path;
+    }
+    return *db;
 }
 
 JobRecord read(SQLite::Statement& row)
@@ -36,12 +47,16 @@ JobStore::JobStore(std::string directory)
     : path(directory + "/jobs.db")
 {
     std::filesystem::create_directories(directory);
-    open(path);
+    SQLite::Database db(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, BusyTimeoutMs);
+    // Kept in the file: every later connection writes through the log.
+    db.exec("PRAGMA journal_mode=WAL");
+    db.exec("CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, owner INTEGER NOT NULL, queue TEXT NOT NULL, "
+            "printer TEXT NOT NULL, document TEXT NOT NULL, created INTEGER NOT NULL)");
 }
 
 void JobStore::add(const JobRecord& job)
 {
-    auto db = open(path);
+    auto& db = connection(path);
     SQLite::Transaction transaction(db);
     // A scheduler started afresh counts its job ids from 1 again.
     SQLite::Statement insert(db, "INSERT OR REPLACE INTO jobs VALUES (?, ?, ?, ?, ?, ?)");
@@ -62,7 +77,7 @@ void JobStore::add(const JobRecord& job)
 
 std::optional<JobRecord> JobStore::find(int id) const
 {
-    auto db = open(path);
+    auto& db = connection(path);
     SQLite::Statement query(db, std::string(Columns) + "WHERE id = ?");
     query.bind(1, id);
     if (!query.executeStep())
@@ -70,9 +85,18 @@ std::optional<JobRecord> JobStore::find(int id) const
     return read(query);
 }
 
+size_t JobStore::count(uid_t owner) const
+{
+    auto& db = connection(path);
+    SQLite::Statement query(db, "SELECT count(*) FROM jobs WHERE owner = ?");
+    query.bind(1, static_cast<int64_t>(owner));
+    query.executeStep();
+    return static_cast<size_t>(query.getColumn(0).getInt64());
+}
+
 std::vector<JobRecord> JobStore::list(std::optional<uid_t> owner) const
 {
-    auto db = open(path);
+    auto& db = connection(path);
     SQLite::Statement query(db, std::string(Columns) + (owner ? "WHERE owner = ? " : "") +
                                     "ORDER BY created DESC, id DESC");
     if (owner)

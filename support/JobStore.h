@@ -30,6 +30,8 @@ public:
 
     void add(const JobRecord& job);
     std::optional<JobRecord> find(int id) const;
+    // How many records the owner has.
+    size_t count(uid_t owner) const;
     // Newest first; every owner's when none is given.
     std::vector<JobRecord> list(std::optional<uid_t> owner) const;
 

@@ -7,10 +7,7 @@ namespace Kestrel::Private {
 
 namespace {
 
-// Set by the last thread out: its destructor runs after the thread's C++
-// thread-locals (its scheduler connection) and, being made late, after the
-// libraries' own per-thread keys, so the trim gives all of those back too.
-pthread_key_t trimAtThreadEnd()
+pthread_key_t trimKey()
 {
     static const pthread_key_t key = [] {
         pthread_key_t made;
@@ -21,6 +18,15 @@ pthread_key_t trimAtThreadEnd()
 }
 
 } // namespace
+
+// The key's destructor runs after the thread's C++ thread-locals (its
+// scheduler connection) and, the key being made late, after the libraries'
+// own per-thread keys, so the trim gives all of those back too.
+void WorkerPool::trimWhenThisThreadEnds()
+{
+    static int marker;
+    pthread_setspecific(trimKey(), &marker);
+}
 
 WorkerPool::WorkerPool(size_t maxThreads, size_t backlog, Clock::duration idleLimit)
     : maxThreads(maxThreads)
@@ -128,7 +134,7 @@ void WorkerPool::work()
             ended.push_back(std::move(me));
             lock.unlock();
             joinEnded(std::move(others));
-            pthread_setspecific(trimAtThreadEnd(), this);
+            trimWhenThisThreadEnds();
             return;
         }
         Entry entry = std::move(waiting.front());

@@ -44,6 +44,10 @@ public:
     // Threads alive now, working or waiting for work.
     size_t threadCount();
 
+    // Gives the heap's free memory back once the calling thread has ended,
+    // its thread-local buffers included: for the last of a group of threads.
+    static void trimWhenThisThreadEnds();
+
 private:
     struct Entry {
         Task task;

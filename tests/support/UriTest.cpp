@@ -125,3 +125,14 @@ TEST(UriTest, SixteenMebibyteUrisParseOrFailWithoutCrashing)
 }
 
 } // namespace
+
+TEST(UriTest, UnescapingDecodesEscapesAndReadsAnyTextUpToItsFirstNul)
+{
+    CurlInterface curl;
+    ASSERT_TRUE(curl.init());
+    const std::string withNul("usb://A\0B", 9);
+    EXPECT_EQ(curl.unescape(withNul.data(), withNul.size()), "usb://A");
+    EXPECT_EQ(curl.unescape("a%20b%zz%", 9), "a b%zz%");
+    EXPECT_EQ(curl.unescape("a%00b", 5), "a");
+    EXPECT_EQ(curl.unescape("plain", 3), "pla");
+}

@@ -161,6 +161,15 @@ def test_every_command_writes_one_json_object(office, documents):
     assert all(set(device) == {"uri", "make_and_model"} for device in devices)
 
 
+def test_scan_lists_each_device_in_two_columns_two_spaces_past_the_longest_uri(system_log):
+    table = client("scan", "--timeout", "30").stdout.splitlines()
+    devices = {device["uri"]: device["make_and_model"]
+               for device in json.loads(client("--json", "scan", "--timeout", "30").stdout)["devices"]}
+    column = max(map(len, devices)) + 2
+    assert table[0] == "URI".ljust(column) + "MAKE AND MODEL"
+    assert table[1:] == [uri.ljust(column) + model for uri, model in sorted(devices.items())]
+
+
 def test_watch_prints_one_line_per_signal_until_interrupted(office):
     watchers = [subprocess.Popen([CLIENT, *mode, "watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                 for mode in [(), ("--json",)]]
@@ -212,7 +221,7 @@ def test_wrong_usage_exits_with_two_and_help_documents_the_statuses():
     for args in [[], ["frob"], ["list", "extra"], ["add", PRINTER_URI], ["add", PRINTER_URI, ""], ["print", "a.pdf"],
                  ["print", "a.pdf", "-p", "A", "-p", "B"], ["print", "a.pdf", "-p", "A", "-o", "x"],
                  ["print", "a.pdf", "-p", "A", "-o", "sides=one-sided", "-o", "sides=one-sided"],
-                 ["scan", "--timeout", "soon"]]:
+                 ["scan", "--timeout", "soon"], ["scan", "--timeout", "0"]]:
         text = client(*args)
         assert (text.returncode, text.stdout, text.stderr[:15], "--help' for more" in text.stderr) == \
             (2, "", "kestrel-print: ", True), args

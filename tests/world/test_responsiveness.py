@@ -18,6 +18,8 @@ from test_recovery import write_registry
 # How long the service waits for the system-log service, and a margin for a loaded machine.
 LOG_BOUND = 3.0
 MARGIN = 2.0
+# How long a scan waits for the probes of network devices.
+PROBE_BOUND = 3.0
 
 
 def printers_own_media():
@@ -77,6 +79,31 @@ def test_scan_keeps_the_first_report_of_a_uri_though_its_probe_ends_last(signals
         backend.unlink()
     assert devices["ipp://127.0.0.2"] == "Probed Loopback"
     assert devices["ipp://127.0.0.1"] == "Loopback Printer"
+
+
+def test_a_scan_beside_several_silent_network_devices_ends_within_its_probe_bound(signals):
+    stop_printer()
+    addresses = [f"127.0.0.{host}" for host in range(11, 17)]
+    # Each connection is accepted (by the kernel, from the backlog) and never answered, on IPP's ports.
+    silent = [socket.create_server((address, port)) for address in addresses for port in (631, 443)]
+    backend = Path("/usr/lib/cups/backend/kestrel-silent")
+    backend.write_text("#!/bin/sh\n[ $# -eq 0 ] || exit 1\n" + "".join(
+        f"echo 'network socket://{address} \"Silent {address}\" \"Silent\" \"\" \"\"'\n" for address in addresses))
+    backend.chmod(0o755)
+    try:
+        manager("getSavedPrinters")
+        started = time.monotonic()
+        manager("scan")
+        devices = signals.wait("accessiblePrintersChanged", timeout=120)
+        seconds = time.monotonic() - started
+    finally:
+        backend.unlink()
+        for listener in silent:
+            listener.close()
+    assert devices["usb://Maker/Model?serial=1"] == "Maker Model"
+    assert not [model for model in devices.values() if model.startswith("Silent")]
+    # Probed side by side: one after another, each would hold the scan for seconds.
+    assert PROBE_BOUND - 0.5 < seconds < PROBE_BOUND + MARGIN
 
 
 def in_background(function, *args, **kwargs):

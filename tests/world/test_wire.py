@@ -68,6 +68,8 @@ class Recorder(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     requests, statuses, connections, misdirected = [], {}, [], []
     on_create = staticmethod(lambda: None)
+    # Cleared, it holds the device listing (a slow backend) until set.
+    devices_released = threading.Event()
 
     def log_message(self, *args):
         pass
@@ -94,6 +96,7 @@ class Recorder(BaseHTTPRequestHandler):
             Recorder.on_create()
             groups = [(JOB, [(INTEGER, "job-id", [7])])]
         elif operation == GET_DEVICES:
+            Recorder.devices_released.wait(timeout=60)
             groups = [(PRINTER, [(KEYWORD, "device-class", ["network"]), (TEXT, "device-info", [info]),
                                  (TEXT, "device-make-and-model", [info]), (URI, "device-uri", [device]),
                                  (TEXT, "device-id", [""]), (TEXT, "device-location", [""])])
@@ -114,7 +117,9 @@ def recorder(system_log):
     DAEMON_ENV.write_text("export CUPS_SERVER=127.0.0.1:631\n")
     Recorder.requests, Recorder.statuses, Recorder.connections, Recorder.misdirected = [], {}, [], []
     Recorder.on_create = lambda: None
+    Recorder.devices_released.set()
     yield Recorder.requests
+    Recorder.devices_released.set()
     server.shutdown()
     server.server_close()
     assert Recorder.misdirected == []
@@ -197,8 +202,11 @@ def test_a_job_carries_the_options_as_keywords_then_the_document(recorder, docum
 
 
 def test_scan_runs_one_discovery_probes_socket_devices_and_keeps_the_first_report_of_a_uri(recorder, signals):
+    # The first discovery is held until the second call has been answered, so that call cannot come after it.
+    Recorder.devices_released.clear()
     manager("scan")
     manager("scan")
+    Recorder.devices_released.set()
     # The ipps device is listed as reported: a probe of its unreachable address would drop it.
     assert signals.wait("accessiblePrintersChanged", timeout=120) == {
         "usb://Maker/Model?serial=1": "Maker Model", "ipp://127.0.0.1": "Wire Printer",
