@@ -1,19 +1,23 @@
-// Wake-ups of the daemon while nothing happens, once the jobs it followed
-// have ended: voluntary context switches of all its threads over 30 s,
-// idle workers ending included,
-// against the minimal sdbus-c++ service on the same bus over the same time.
+// Wake-ups of the daemon while nothing happens: voluntary context switches
+// of all its threads over 30 s, idle workers ending included, against the
+// minimal sdbus-c++ service on the same bus over the same time. Once after
+// the jobs it followed have ended, and once with a client watching the
+// changes and its job waiting in a paused queue.
 #include "bench/Measure.h"
 #include "bench/ServiceClient.h"
 #include "bench/WorldGuard.h"
+#include "support/DatabaseManager.h"
 
 #include <dirent.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <stdexcept>
 #include <thread>
 
 using namespace Kestrel::Bench;
+using Kestrel::Private::DatabaseManager;
 
 namespace {
 
@@ -57,6 +61,30 @@ double switchesDuring(pid_t pid, std::chrono::seconds time)
     return total;
 }
 
+// Both sampled side by side over the same time, once the replies above and
+// the service's last look at the scheduler have settled.
+void reportQuiet(ServiceClient& client, const std::string& figure)
+{
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const pid_t daemon = client.ownerPid("ru.zorv.print");
+    const pid_t anchor = client.ownerPid("ru.quentis.SystemLogs");
+    double anchorSwitches = 0;
+    std::thread anchorCount([&] { anchorSwitches = switchesDuring(anchor, Quiet); });
+    const double daemonSwitches = switchesDuring(daemon, Quiet);
+    anchorCount.join();
+    Measure::report(figure, daemonSwitches, "system-log stand-in wake-ups in 30 s", anchorSwitches, "switches");
+}
+
+std::string writeDocument(const std::string& name)
+{
+    const std::string path = std::string(std::getenv("KESTREL_WORLD_DIR")) + "/" + name + ".pdf";
+    std::ofstream(path) << "%PDF-1.4\n1 0 obj\n<< /Type /Catalog /Pages 2 0 R >>\nendobj\n"
+                           "2 0 obj\n<< /Type /Pages /Kids [3 0 R] /Count 1 >>\nendobj\n"
+                           "3 0 obj\n<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>\nendobj\n"
+                           "trailer\n<< /Root 1 0 R >>\n%%EOF\n";
+    return path;
+}
+
 void waitUntilEnded(ServiceClient& client, uint32_t job)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
@@ -73,28 +101,27 @@ void waitUntilEnded(ServiceClient& client, uint32_t job)
 int main()
 {
     WorldGuard::require();
-    ServiceClient client;
-    client.addPrinter(std::getenv("KESTREL_PRINTER_URI"), "Idle");
-    for (int index = 0; index < Jobs; ++index) {
-        const std::string path = std::string(std::getenv("KESTREL_WORLD_DIR")) + "/idle-" + std::to_string(index) +
-                                 ".pdf";
-        std::ofstream(path) << "%PDF-1.4\n1 0 obj\n<< /Type /Catalog /Pages 2 0 R >>\nendobj\n"
-                               "2 0 obj\n<< /Type /Pages /Kids [3 0 R] /Count 1 >>\nendobj\n"
-                               "3 0 obj\n<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>\nendobj\n"
-                               "trailer\n<< /Root 1 0 R >>\n%%EOF\n";
-        waitUntilEnded(client, client.submit(path, "Idle"));
+    const std::string uri = std::getenv("KESTREL_PRINTER_URI");
+    {
+        ServiceClient client;
+        client.addPrinter(uri, "Idle");
+        for (int index = 0; index < Jobs; ++index)
+            waitUntilEnded(client, client.submit(writeDocument("idle-" + std::to_string(index)), "Idle"));
+        client.removePrinter("Idle");
+        reportQuiet(client, "idle daemon wake-ups in 30 s after its jobs ended");
     }
-    client.removePrinter("Idle");
-    const pid_t daemon = client.ownerPid("ru.zorv.print");
-    const pid_t anchor = client.ownerPid("ru.quentis.SystemLogs");
-    // The watcher's last look and the replies above settle first.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    // Both sampled side by side over the same time.
-    double anchorSwitches = 0;
-    std::thread anchorCount([&] { anchorSwitches = switchesDuring(anchor, Quiet); });
-    const double daemonSwitches = switchesDuring(daemon, Quiet);
-    anchorCount.join();
-    Measure::report("idle daemon wake-ups in 30 s after its jobs ended", daemonSwitches,
-                    "system-log stand-in wake-ups in 30 s", anchorSwitches, "switches");
+
+    // A settings page open on a printer whose queue an administrator paused,
+    // with the page's own job waiting there.
+    ServiceClient watcher(ServiceClient::Changes::Watched);
+    watcher.addPrinter(uri, "Watched");
+    const std::string queue = DatabaseManager().getCupsName("Watched");
+    if (std::system(("cupsdisable '" + queue + "'").c_str()) != 0)
+        throw std::runtime_error("cupsdisable failed");
+    const uint32_t job = watcher.submit(writeDocument("waiting"), "Watched");
+    reportQuiet(watcher, "idle daemon wake-ups in 30 s, a client watching, its job in a paused queue");
+    if (watcher.jobState(job) != "pending")
+        throw std::runtime_error("the waiting job left its paused queue");
+    watcher.removePrinter("Watched");
     return 0;
 }

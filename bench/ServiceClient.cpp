@@ -8,6 +8,7 @@ namespace Kestrel::Bench {
 namespace {
 
 const char* const manager = "ru.zorv.PrinterManager";
+const char* const jobs = "ru.zorv.PrintJobs";
 // Long enough for the slowest add the service may take.
 constexpr auto callTimeout = std::chrono::seconds(120);
 
@@ -17,7 +18,7 @@ std::optional<std::map<std::string, std::string>> lastScan;
 
 } // namespace
 
-ServiceClient::ServiceClient()
+ServiceClient::ServiceClient(Changes watched)
     : connection(sdbus::createSystemBusConnection())
     , service(sdbus::createProxy(*connection, "ru.zorv.print", "/ru/zorv/print"))
     , busDriver(sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus"))
@@ -29,6 +30,17 @@ ServiceClient::ServiceClient()
             lastScan = printers;
             scanDone.notify_all();
         });
+    if (watched == Changes::Watched) {
+        service->uponSignal("printerStateChanged")
+            .onInterface(jobs)
+            .call([](const std::string&, const std::map<std::string, sdbus::Variant>&) {});
+        service->uponSignal("jobChanged")
+            .onInterface(jobs)
+            .call([](const std::map<std::string, sdbus::Variant>&) {});
+        service->uponSignal("savedPrintersChanged")
+            .onInterface(manager)
+            .call([](const std::vector<std::string>&) {});
+    }
     service->finishRegistration();
     connection->enterEventLoopAsync();
 }
@@ -82,7 +94,7 @@ uint32_t ServiceClient::submit(const std::string& path, const std::string& print
 {
     uint32_t job = 0;
     service->callMethod("submit")
-        .onInterface("ru.zorv.PrintJobs")
+        .onInterface(jobs)
         .withTimeout(callTimeout)
         .withArguments(path, printer, std::map<std::string, std::string>{})
         .storeResultsTo(job);
@@ -92,7 +104,7 @@ uint32_t ServiceClient::submit(const std::string& path, const std::string& print
 std::string ServiceClient::jobState(uint32_t job)
 {
     std::map<std::string, sdbus::Variant> state;
-    service->callMethod("getJob").onInterface("ru.zorv.PrintJobs").withArguments(job).storeResultsTo(state);
+    service->callMethod("getJob").onInterface(jobs).withArguments(job).storeResultsTo(state);
     return state.at("state").get<std::string>();
 }
 

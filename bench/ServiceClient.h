@@ -14,7 +14,11 @@ namespace Kestrel::Bench {
 // The running print service as a bus client sees it.
 class ServiceClient {
 public:
-    ServiceClient();
+    // Watched: the connection also subscribes to the printer, job and saved
+    // printer changes, as a settings page does (what they say is not kept).
+    enum class Changes { Ignored, Watched };
+
+    explicit ServiceClient(Changes changes = Changes::Ignored);
     ~ServiceClient();
 
     void ping();

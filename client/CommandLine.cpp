@@ -185,7 +185,8 @@ CommandLine::CommandLine()
 
     auto* status = command(app, "status", "Show whether a saved printer is ready, and what it lacks.",
         "Network printers are asked themselves as well, for at most a few seconds, and\n"
-        "tell their paper trays and supplies (\"Tray main: out of paper\", \"Black toner 75 %\").\n"
+        "tell their paper trays and supplies, one a line (\"Tray main: out of paper\",\n"
+        "\"Black toner 75 %\", \"Waste toner box 25 % full\").\n"
         "With --json: {\"printer\": NAME, \"state\": STATE, \"reasons\": [REASON],\n"
         "\"description\": TEXT, \"message\": TEXT, \"accepting\": BOOL, \"supplies\": [{\"name\": TEXT,\n"
         "\"kind\": KIND, \"color\": TEXT, \"level\": PERCENT, \"description\": TEXT}], \"trays\": [{\"name\": TEXT,\n"
@@ -195,10 +196,17 @@ CommandLine::CommandLine()
 
     command(app, "watch",
         "Show every change of the saved or reachable printers, of their states and of your jobs until interrupted.",
+        "One line per change, such as 'Printer \"Office\": stopped: paused' or\n"
+        "'Job 12 on printer \"Office\": completed, 2 pages'. The service tells a job's\n"
+        "changes only to the program that sent it, so the jobs 'jobs' lists (yours, or\n"
+        "everyone's with ru.zorv.print.manage-jobs) are read again at each printer\n"
+        "change, as a job starting or ending changes its printer, and those that\n"
+        "changed are shown.\n"
         "Ends with status 0 on Ctrl+C or SIGTERM. With --json, one object per line:\n"
         "{\"signal\": \"savedPrintersChanged\", \"printers\": [{\"name\": NAME}]},\n"
         "{\"signal\": \"accessiblePrintersChanged\", \"devices\": [{\"uri\": URI, \"make_and_model\": TEXT}]},\n"
-        "{\"signal\": \"printerStateChanged\", ...} with the fields of 'status', or\n"
+        "{\"signal\": \"printerStateChanged\", \"printer\": NAME, \"state\": STATE, ...} with the\n"
+        "fields of 'status', or\n"
         "{\"signal\": \"jobChanged\", \"job\": {...}} with the fields of 'jobs'.");
 }
 

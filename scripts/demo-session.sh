@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # One session with the kestrel-print client, run by scripts/demo.sh inside
 # the test world: starts the system-log stand-in and the daemon, then finds,
-# adds, inspects, prints to, renames and removes a printer, shows a user
+# adds, inspects, prints to, watches, renames and removes a printer, shows a user
 # outside lpadmin refused and then granted by a polkit rule, then finds and
 # prints to a printer announced on the network by DNS-SD. Every command is
 # shown as typed, followed by its output. Any failed step ends the session
@@ -219,8 +219,17 @@ write_pdf letter.pdf 1
 show kestrel-print print letter.pdf --printer Office --wait
 grep -q 'completed' "$output" || fail "the followed job did not complete"
 show kestrel-print jobs --all
+note "Office is a network printer, so status also asks it for its paper trays and supplies:"
 show kestrel-print status Office
 grep -q '^Office: ready' "$output" || fail "Office is not ready"
+grep -q '^  Tray main: ' "$output" || fail "the status of Office shows no tray"
+grep -qx '  Black toner 75 %' "$output" || fail "the status of Office shows no black toner at 75 %"
+note "kestrel-print watch shows every change as it happens; it runs in the background here, into a file:"
+echo
+echo "\$ kestrel-print watch >watch.out 2>&1 &"
+kestrel-print watch >watch.out 2>&1 &
+watcher=$!
+wait_for "kestrel-print watch did not start" 10 grep -q '^Watching the print service' watch.out
 note "An administrator pauses the queue; a job waits there until its owner cancels it:"
 show cupsdisable "$queue"
 show kestrel-print status Office
@@ -234,6 +243,13 @@ show kestrel-print cancel "$job"
 show kestrel-print --json jobs --all
 grep -q '"state":"canceled"' "$output" || fail "the job was not canceled"
 show cupsenable "$queue"
+note "What watch saw meanwhile: the pause and the resume as they happened, and the job with the next change:"
+wait_for "watch did not show the job canceled" 10 grep -qF "Job $job on printer \"Office\": canceled" watch.out
+kill -TERM "$watcher"
+wait "$watcher" || fail "kestrel-print watch did not end with status 0 on SIGTERM"
+show cat watch.out
+grep -q '^Printer "Office": stopped: paused' "$output" || fail "watch did not show the pause"
+grep -q '^Printer "Office": ready' "$output" || fail "watch did not show the resume"
 
 note "Rename and remove:"
 show kestrel-print rename Office "Front Desk"

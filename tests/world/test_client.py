@@ -9,7 +9,8 @@ from pathlib import Path
 
 import pytest
 
-from conftest import NOBODY, PRINTER_URI, manager, queues, shell, stop_scheduler, wait_for, write_pdf
+from conftest import (JOBS, NOBODY, PRINTER_URI, call, manager, print_document, queues, shell, stop_scheduler,
+                      wait_for, write_pdf)
 
 CLIENT = os.environ.get("KESTREL_CLIENT", "kestrel-print")
 ACTIVATION = Path("/usr/share/dbus-1/system-services/ru.zorv.print.service")
@@ -186,6 +187,61 @@ def test_watch_prints_one_line_per_signal_until_interrupted(office):
     saved, found = map(json.loads, lines.splitlines())
     assert saved == {"signal": "savedPrintersChanged", "printers": []}
     assert found["signal"] == "accessiblePrintersChanged" and isinstance(found["devices"], list)
+
+
+class Watch:
+    """kestrel-print watch run by `user`, its lines gathered as they come."""
+
+    def __init__(self, *mode, user):
+        self.process = subprocess.Popen([CLIENT, *mode, "watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True, user=user, group=user, extra_groups=[])
+        assert self.process.stderr.readline().startswith("Watching the print service")
+        self.lines = []
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.lines.append(line.rstrip("\n"))
+
+    def shows(self, predicate, timeout=60):
+        return wait_for(lambda: any(predicate(line) for line in self.lines), timeout=timeout, interval=0.05)
+
+    def stop(self):
+        self.process.send_signal(signal.SIGINT)
+        assert self.process.wait(timeout=30) == 0
+        self.reader.join(timeout=30)
+        return self.lines
+
+
+def test_watch_shows_a_saved_printer_changing_and_the_callers_own_job_but_never_another_users(office, documents):
+    queue = queues()[0]
+    shell(f"cupsdisable '{queue}'")
+    theirs = print_document(write_pdf(documents / "theirs.pdf"), office, interface=JOBS)
+    path = write_pdf(documents / "mine.pdf")
+    os.chown(path, NOBODY, NOBODY)
+    mine = print_document(path, office, interface=JOBS, user=NOBODY)
+    # As a settings page opens: the printer's state first, then its changes.
+    assert call(JOBS, "getPrinterState", office, user=NOBODY)["state"] == "stopped"
+    text, as_json = Watch(user=NOBODY), Watch("--json", user=NOBODY)
+    # Both jobs print once the queue runs again; the owner sees its own move on.
+    shell(f"cupsenable '{queue}'")
+    assert wait_for(lambda: {job["state"] for job in call(JOBS, "getJobs")} == {"completed"}, timeout=120)
+    shell(f"cupsdisable '{queue}'")
+    assert text.shows(lambda line: line.startswith(f'Job {mine} on printer "Office": completed')), text.lines
+    assert as_json.shows(lambda line: json.loads(line).get("job", {}).get("state") == "completed"), as_json.lines
+    assert text.shows(lambda line: line.startswith('Printer "Office": stopped: paused')), text.lines
+    assert as_json.shows(lambda line: json.loads(line)["signal"] == "printerStateChanged"
+                         and json.loads(line)["state"] == "stopped"), as_json.lines
+    lines, objects = text.stop(), [json.loads(line) for line in as_json.stop()]
+    assert any(line.startswith('Printer "Office": printing') for line in lines), lines
+    assert all(line.startswith(('Printer "Office": ', f'Job {mine} on printer "Office": ')) for line in lines), lines
+    assert {o["signal"] for o in objects} == {"printerStateChanged", "jobChanged"}
+    told = [o for o in objects if o["signal"] == "printerStateChanged"]
+    assert all(o["printer"] == office and {"supplies", "trays", "reasons", "accepting"} <= set(o) for o in told)
+    jobs = [o["job"] for o in objects if o["signal"] == "jobChanged"]
+    assert {job["id"] for job in jobs} == {mine} and jobs[-1]["document"] == "mine.pdf", objects
+    assert all(f"Job {theirs} " not in line for line in lines)
 
 
 def test_scan_shows_its_wait_on_a_terminal_gives_up_after_its_timeout_and_exits_130_when_interrupted(system_log):
