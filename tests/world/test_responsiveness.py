@@ -11,8 +11,11 @@ import threading
 import time
 from pathlib import Path
 
-from conftest import (NOBODY, PRINTER_URI, REGISTRY, SANITIZED, WORLD, BusError, Signals, SystemLog, daemon_pid, error_of,
-                      manager, print_document, queues, scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
+import dbus
+
+from conftest import (BUS_NAME, MANAGER, NOBODY, OBJECT_PATH, PRINTER_URI, PRINTING, REGISTRY, SANITIZED, WORLD, BusError,
+                      Signals, SystemLog, daemon_pid, error_of, manager, plain, print_document, private_bus, queues,
+                      scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
 from test_recovery import write_registry
 
 # How long the service waits for the system-log service, and a margin for a loaded machine.
@@ -118,6 +121,27 @@ def in_background(function, *args, **kwargs):
     thread = threading.Thread(target=run)
     thread.start()
     return thread, outcome
+
+
+def sent_in_background(interface, method, signature, *args):
+    """Calls on a thread and connection of their own, without introspection, so that the call leaves in one step
+    right after the event is set; the list gets its result or BusError."""
+    outcome, ready = [], threading.Event()
+
+    def run():
+        bus = private_bus()
+        try:
+            call = bus.get_object(BUS_NAME, OBJECT_PATH, introspect=False).get_dbus_method(method, interface)
+            ready.set()
+            outcome.append(plain(call(*args, signature=signature, timeout=60)))
+        except dbus.exceptions.DBusException as error:
+            outcome.append(BusError(error.get_dbus_name(), error.get_dbus_message()))
+        finally:
+            ready.set()
+            bus.close()
+    thread = threading.Thread(target=run)
+    thread.start()
+    return thread, outcome, ready
 
 
 def answered_within(seconds, function, *args, **kwargs):
@@ -226,14 +250,18 @@ def test_sigterm_during_a_burst_answers_every_call_and_exits_0_within_its_bound(
     manager("addPrinter", PRINTER_URI, "Office", [])
     # Raw queues: Debian's cupsd 2.4.2 corrupts its heap when it sets a
     # driverless queue up while it runs jobs, and dies mid-test.
-    burst = [in_background(manager, "addPrinter", RAW_URI, f"Burst {i}", []) for i in range(8)]
-    burst += [in_background(manager, "getPrinterAttributes", "Office") for _ in range(8)]
-    burst += [in_background(print_document, write_pdf(documents / f"{i}.pdf"), "Office") for i in range(4)]
+    burst = [sent_in_background(MANAGER, "addPrinter", "ssas", RAW_URI, f"Burst {i}", []) for i in range(8)]
+    burst += [sent_in_background(MANAGER, "getPrinterAttributes", "s", "Office") for _ in range(8)]
+    burst += [sent_in_background(PRINTING, "print", "ssa{ss}", str(write_pdf(documents / f"{i}.pdf")), "Office",
+                                 {}) for i in range(4)]
+    # Every call is on its way before the stop: one sent after the name is gone would meet the bus's own error.
+    assert all(ready.wait(30) for _, _, ready in burst)
+    time.sleep(0.2)
     assert wait_for(lambda: len(queues()) > 1)
     stopped = time.monotonic()
     daemon.send_signal(signal.SIGTERM)
     assert daemon.wait(STOP_BOUND + 2) == 0 and time.monotonic() - stopped < STOP_BOUND + 2
-    for thread, outcome in burst:
+    for thread, outcome, _ in burst:
         thread.join()
         assert not isinstance(outcome[0], BusError) or outcome[0].name.startswith("ru.zorv."), outcome[0]
     with sqlite3.connect(REGISTRY) as db:
