@@ -253,9 +253,14 @@ std::vector<std::string> DatabaseManager::getUserNames()
 
 std::map<std::string, std::string> DatabaseManager::getSavedQueues()
 {
+    std::map<std::string, std::string> queues;
+    if (auto rows = smallRegistry()) {
+        for (auto& [cups, user] : *rows)
+            queues[std::move(cups)] = std::move(user);
+        return queues;
+    }
     auto db = open(databasePath);
     SQLite::Statement query(db, "SELECT cups_name, user_name from printers");
-    std::map<std::string, std::string> queues;
     while (query.executeStep())
         queues[query.getColumn(0).getString()] = query.getColumn(1).getString();
     return queues;
