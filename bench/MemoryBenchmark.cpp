@@ -6,10 +6,14 @@
 #include "bench/WorldGuard.h"
 #include "support/WorkerPool.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 using namespace Kestrel::Bench;
 
@@ -24,6 +28,52 @@ double procField(pid_t pid, const std::string& name, const std::string& field)
             return std::stod(line.substr(field.size() + 1));
     }
     return 0;
+}
+
+// Pss and Private_Dirty per mapped file (or [heap], [stack], anon), in kB.
+std::map<std::string, std::pair<double, double>> mappingSizes(pid_t pid)
+{
+    std::map<std::string, std::pair<double, double>> sizes;
+    std::ifstream file("/proc/" + std::to_string(pid) + "/smaps");
+    std::string mapping;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string first;
+        words >> first;
+        if (first.back() != ':') {
+            // A mapping's header: address, perms, offset, device, inode, then the name if any.
+            std::string skip, name;
+            words >> skip >> skip >> skip >> skip;
+            std::getline(words >> std::ws, name);
+            mapping = name.empty() ? "anon" : name.substr(name.find_last_of('/') + 1);
+            continue;
+        }
+        double kB = 0;
+        words >> kB;
+        if (first == "Pss:")
+            sizes[mapping].first += kB;
+        else if (first == "Private_Dirty:")
+            sizes[mapping].second += kB;
+    }
+    return sizes;
+}
+
+// The ten largest mappings by each figure, for seeing where memory went.
+void printLargestMappings(pid_t pid, const std::string& moment)
+{
+    const auto sizes = mappingSizes(pid);
+    for (const bool dirty : {false, true}) {
+        std::vector<std::pair<double, std::string>> order;
+        for (const auto& [name, size] : sizes)
+            order.emplace_back(dirty ? size.second : size.first, name);
+        std::sort(order.rbegin(), order.rend());
+        order.resize(std::min<size_t>(order.size(), 10));
+        std::printf("largest by %s%s:", dirty ? "Private_Dirty" : "Pss", moment.c_str());
+        for (const auto& [kB, name] : order)
+            std::printf(" %s %.0f;", name.c_str(), kB);
+        std::printf("\n");
+    }
+    std::fflush(stdout);
 }
 
 int threadCount(pid_t pid)
@@ -63,5 +113,6 @@ int main(int argc, char* argv[])
     for (const char* field : {"Rss", "Pss", "Private_Dirty"})
         Measure::report(std::string("idle daemon ") + field + moment, procField(daemon, "smaps_rollup", field),
                         std::string("system-log stand-in ") + field, procField(anchor, "smaps_rollup", field), "kB");
+    printLargestMappings(daemon, moment);
     return 0;
 }

@@ -262,14 +262,8 @@ std::map<std::string, PrinterStatus> CupsJobs::queueStatuses()
     handler.addString(IPP_TAG_OPERATION, IPP_TAG_NAME, "requesting-user-name", "defaultuser");
     handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", QueueAttributes);
     std::map<std::string, PrinterStatus> queues;
-    try {
-        handler.executeAdminRequest();
-    } catch (const std::runtime_error&) {
-        // The scheduler's way of saying it has no queue.
-        if (cupsLastError() == IPP_STATUS_ERROR_NOT_FOUND)
-            return queues;
-        throw;
-    }
+    if (!handler.executeListing())
+        return queues;
     for (const auto& attributes : handler.getGroups(IPP_TAG_PRINTER, QueueAttributes))
         queues[first(attributes, "printer-name")] = printerStatus(attributes);
     return queues;

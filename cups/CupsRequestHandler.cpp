@@ -279,7 +279,27 @@ void CupsRequestHandler::executePrintFileRequest(int document)
     execute("/ipp/print", document);
 }
 
+bool CupsRequestHandler::executeListing()
+{
+    if (exchange("/admin/", NoDocument) == IPP_STATUS_ERROR_NOT_FOUND)
+        return false;
+    checkResponse();
+    return true;
+}
+
 void CupsRequestHandler::execute(const char* resource, int document)
+{
+    exchange(resource, document);
+    checkResponse();
+}
+
+void CupsRequestHandler::checkResponse() const
+{
+    if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
+        throw std::runtime_error("failed to execute request: " + cupsErrorText());
+}
+
+ipp_status_t CupsRequestHandler::exchange(const char* resource, int document)
 {
     pendingRequest(request);
     // The library frees the request whatever the outcome.
@@ -300,8 +320,7 @@ void CupsRequestHandler::execute(const char* resource, int document)
     if (document != NoDocument)
         ::lseek(document, 0, SEEK_SET);
     response.reset(cupsDoIORequest(connection.get(), sent.release(), resource, document, NoDocument));
-    if (!response || cupsLastError() > IPP_STATUS_OK_CONFLICTING)
-        throw std::runtime_error("failed to execute request: " + cupsErrorText());
+    return cupsLastError();
 }
 
 void CupsRequestHandler::releaseResponse()

@@ -54,6 +54,9 @@ public:
                             const std::unordered_set<std::string>& values);
 
     virtual void executeAdminRequest();
+    // The same for a listing: false when the scheduler has nothing to list
+    // ("not found"), which is no failure and so throws nothing.
+    bool executeListing();
     virtual void executePrintRequest();
     void executeRequestAt(const std::string& resource);
     // Sends the request followed by the contents of the open document.
@@ -76,6 +79,9 @@ public:
 private:
     static constexpr int NoDocument = -1;
     void execute(const char* resource, int document);
+    // Sends the request; throws only when the scheduler cannot be reached.
+    ipp_status_t exchange(const char* resource, int document);
+    void checkResponse() const;
 
     HttpPtr connection;
     IppPtr request;
