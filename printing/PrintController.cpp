@@ -84,26 +84,38 @@ int PrintController::print(const CallerCredentials& caller, const std::string& p
 // Counted from the scheduler's own list, so jobs of earlier runs count too.
 // Taken under a lock and held until the job is in the store: however fast
 // the calls come, none slips past the limit, and none is counted twice.
-// The scheduler is asked only when the owner's recorded jobs could reach it.
 void PrintController::reserveSlot(uid_t owner)
 {
     std::lock_guard<std::mutex> lock(slotMutex);
-    size_t count = starting[owner];
-    if (count + store->count(owner) >= ActiveJobsPerCaller) {
-        std::set<int> active;
-        try {
-            active = jobs->activeJobIds();
-        } catch (const std::exception&) {
-            // A scheduler that cannot be asked refuses the job itself, with its own message.
-        }
-        for (const auto& job : store->list(owner))
-            count += active.count(job.id);
-    }
-    if (count >= ActiveJobsPerCaller)
+    if (starting[owner] + possiblyActive(owner) >= ActiveJobsPerCaller)
+        recount(owner);
+    if (starting[owner] + possiblyActive(owner) >= ActiveJobsPerCaller)
         throw std::runtime_error("too many active print jobs: a user may have at most " +
                                  std::to_string(ActiveJobsPerCaller) +
                                  " jobs waiting or printing; wait for some to end or cancel them");
     ++starting[owner];
+}
+
+size_t PrintController::possiblyActive(uid_t owner) const
+{
+    const auto known = unfinished.find(owner);
+    return known != unfinished.end() ? known->second.size() : store->count(owner);
+}
+
+void PrintController::recount(uid_t owner)
+{
+    std::set<int> active;
+    try {
+        active = jobs->activeJobIds();
+    } catch (const std::exception&) {
+        // A scheduler that cannot be asked refuses the job itself, with its own message.
+    }
+    auto& counted = unfinished[owner];
+    counted.clear();
+    for (const auto& job : store->list(owner)) {
+        if (active.count(job.id))
+            counted.insert(job.id);
+    }
 }
 
 void PrintController::releaseSlot(uid_t owner)
@@ -118,6 +130,8 @@ void PrintController::recordJob(const JobRecord& job)
     std::lock_guard<std::mutex> lock(slotMutex);
     const Finally release{[&] { freeSlot(job.owner); }};
     store->add(job);
+    if (const auto known = unfinished.find(job.owner); known != unfinished.end())
+        known->second.insert(job.id);
 }
 
 void PrintController::freeSlot(uid_t owner)

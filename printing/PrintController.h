@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace Kestrel::Private {
@@ -44,6 +45,8 @@ private:
                   const std::map<std::string, std::string>& options);
     void restart(const std::string& cupsName);
     void reserveSlot(uid_t owner);
+    size_t possiblyActive(uid_t owner) const;
+    void recount(uid_t owner);
     void releaseSlot(uid_t owner);
     void recordJob(const JobRecord& job);
     void freeSlot(uid_t owner);
@@ -59,6 +62,11 @@ private:
     std::mutex slotMutex;
     // Jobs between the limit check and their record in the store.
     std::map<uid_t, size_t> starting;
+    // Per owner who reached the limit once: the jobs active at the
+    // scheduler's last count, and those recorded since. An ended job never
+    // becomes active again, so the scheduler is asked again only when these
+    // reach the limit, not at every later job.
+    std::map<uid_t, std::set<int>> unfinished;
 };
 
 } // namespace Kestrel::Private

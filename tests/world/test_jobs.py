@@ -206,6 +206,10 @@ def test_a_caller_is_stopped_at_its_limit_however_fast_it_prints_and_others_stil
     # One job canceled among waiting ones: each job reads its own state.
     jobs("cancelJob", listed[-1]["id"], user=NOBODY)
     assert [j["state"] for j in jobs("getJobs", user=NOBODY)] == ["pending"] * (LIMIT - 1) + ["canceled"]
+    # The canceled job's place is its owner's again.
+    again = write_pdf(documents / "again.pdf")
+    os.chown(again, NOBODY, NOBODY)
+    submit(again, office, user=NOBODY)
     submit(write_pdf(documents / "other.pdf"), office)
 
 
