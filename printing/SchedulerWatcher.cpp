@@ -1,6 +1,7 @@
 #include "printing/SchedulerWatcher.h"
 
 #include "support/Diagnostics.h"
+#include "support/JobStore.h"
 
 namespace Kestrel::Private {
 
@@ -116,6 +117,9 @@ void SchedulerWatcher::run()
             else
                 followed[id] = seen->second;
         }
+        // Nothing left to follow, so the store is not read again until a job comes.
+        if (followed.empty())
+            JobStore::closeThreadConnection();
     }
 }
 

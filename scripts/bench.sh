@@ -58,6 +58,9 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
     scan-benchmark memory-benchmark idle-benchmark startup-benchmark >/dev/null
+# Pages the linker has just written stay dirty until written back, and smaps
+# would count them as the daemon's own private dirty memory.
+sync
 export KESTREL_DAEMON=${KESTREL_BENCH_DAEMON:-$build/kestrel-printd}
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT

@@ -16,10 +16,11 @@ const char* const Columns = "SELECT id, owner, queue, printer, document, created
 // The calling thread's connection to the file, kept for the thread's life:
 // a print reads and writes the store on the same worker, and workers end
 // a few seconds after their last call, closing it.
+thread_local std::string openPath;
+thread_local std::unique_ptr<SQLite::Database> db;
+
 SQLite::Database& connection(const std::string& path)
 {
-    thread_local std::string openPath;
-    thread_local std::unique_ptr<SQLite::Database> db;
     if (!db || openPath != path) {
         db.reset();
         db = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE, BusyTimeoutMs);
@@ -52,6 +53,11 @@ JobStore::JobStore(std::string directory)
     db.exec("PRAGMA journal_mode=WAL");
     db.exec("CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, owner INTEGER NOT NULL, queue TEXT NOT NULL, "
             "printer TEXT NOT NULL, document TEXT NOT NULL, created INTEGER NOT NULL)");
+}
+
+void JobStore::closeThreadConnection()
+{
+    db.reset();
 }
 
 void JobStore::add(const JobRecord& job)

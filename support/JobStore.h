@@ -34,6 +34,9 @@ public:
     size_t count(uid_t owner) const;
     // Newest first; every owner's when none is given.
     std::vector<JobRecord> list(std::optional<uid_t> owner) const;
+    // For a thread that keeps living but will not read the store for a
+    // while: its connection (page cache, log index) is given back.
+    static void closeThreadConnection();
 
 private:
     std::string path;
