@@ -53,6 +53,8 @@ JobStore::JobStore(std::string directory)
     db.exec("PRAGMA journal_mode=WAL");
     db.exec("CREATE TABLE IF NOT EXISTS jobs (id INTEGER PRIMARY KEY, owner INTEGER NOT NULL, queue TEXT NOT NULL, "
             "printer TEXT NOT NULL, document TEXT NOT NULL, created INTEGER NOT NULL)");
+    // An owner's jobs newest first, straight from the index: listing, counting and trimming.
+    db.exec("CREATE INDEX IF NOT EXISTS jobs_by_owner ON jobs (owner, created, id)");
 }
 
 void JobStore::closeThreadConnection()
@@ -73,8 +75,9 @@ void JobStore::add(const JobRecord& job)
     insert.bind(5, job.document);
     insert.bind(6, job.created);
     insert.exec();
-    SQLite::Statement trim(db, "DELETE FROM jobs WHERE owner = ?1 AND id NOT IN "
-                               "(SELECT id FROM jobs WHERE owner = ?1 ORDER BY created DESC, id DESC LIMIT ?2)");
+    // Walks the owner's index entries past the newest ones: usually one row goes.
+    SQLite::Statement trim(db, "DELETE FROM jobs WHERE id IN (SELECT id FROM jobs WHERE owner = ?1 "
+                               "ORDER BY created DESC, id DESC LIMIT -1 OFFSET ?2)");
     trim.bind(1, static_cast<int64_t>(job.owner));
     trim.bind(2, KeptPerOwner);
     trim.exec();
