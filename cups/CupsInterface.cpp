@@ -1,31 +1,21 @@
 #include "cups/CupsInterface.h"
 
 #include "cups/CupsRequestHandler.h"
+#include "cups/DeviceProber.h"
 #include "support/CurlInterface.h"
-#include "support/IppChecker.h"
 #include "support/Uri.h"
-#include "support/WorkerPool.h"
 
 #include <cups/adminutil.h>
 #include <cups/cups.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 namespace Kestrel::Private {
 
 namespace {
-
-// A silent device on port 443 holds its probe for the library's own TLS
-// handshake bound (10 s), which no time-out of ours shortens; so a scan waits
-// this long for its probes and leaves later ones to end on their own.
-constexpr auto ProbeDeadline = std::chrono::seconds(3);
 
 // One device as discovery reported it; network devices are listed under the
 // IPP URI their probe finds, announced printers under their service name, the
@@ -82,55 +72,6 @@ void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const ch
     }
 }
 
-// The IPP URI under which a network device answers; empty when it does not.
-std::string probe(const std::string& uri)
-{
-    IppChecker checker(uri, std::make_shared<CupsRequestHandler>());
-    if (checker.isIppSupported() || checker.isIppsSupported())
-        return checker.getIppUri();
-    return {};
-}
-
-// The answers of probes that ended by the deadline, shared with the probes
-// that may outlive it.
-struct ProbeRound {
-    std::mutex lock;
-    std::condition_variable finished;
-    std::vector<std::string> keys;
-    size_t running = 0;
-};
-
-// Probes every given URI side by side (empty ones are skipped); a probe not
-// done by the deadline leaves its key empty.
-std::vector<std::string> probeAll(const std::vector<std::string>& uris)
-{
-    auto round = std::make_shared<ProbeRound>();
-    round->keys.resize(uris.size());
-    std::unique_lock<std::mutex> guard(round->lock);
-    for (size_t i = 0; i < uris.size(); ++i) {
-        if (uris[i].empty())
-            continue;
-        ++round->running;
-        std::thread([round, i, uri = uris[i]] {
-            std::string key;
-            // An exception must not end the process from a thread; the device
-            // is then left out.
-            try {
-                key = probe(uri);
-            } catch (...) {
-            }
-            std::lock_guard<std::mutex> done(round->lock);
-            round->keys[i] = std::move(key);
-            // TLS probes leave much freed behind (the trust store).
-            if (--round->running == 0)
-                WorkerPool::trimWhenThisThreadEnds();
-            round->finished.notify_all();
-        }).detach();
-    }
-    round->finished.wait_for(guard, ProbeDeadline, [&] { return round->running == 0; });
-    return round->keys;
-}
-
 } // namespace
 
 bool CupsInterface::destinationExists(std::string_view cupsName)
@@ -180,7 +121,7 @@ DeviceMap CupsInterface::getDevices()
         if (reports[i].needsProbe)
             probed[i] = reports[i].uri;
     }
-    std::vector<std::string> keys = probeAll(probed);
+    std::vector<std::string> keys = DeviceProber::probeAll(probed);
     for (size_t i = 0; i < reports.size(); ++i) {
         if (!reports[i].needsProbe)
             keys[i] = reports[i].uri;

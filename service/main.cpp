@@ -1,3 +1,4 @@
+#include "cups/DeviceProber.h"
 #include "manager/PrinterManagerInterface.h"
 #include "service/BusEventLoop.h"
 #include "printing/PrintJobsInterface.h"
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <string_view>
 
 namespace {
 
@@ -23,8 +25,11 @@ constexpr auto StopBound = std::chrono::seconds(5);
 
 } // namespace
 
-int main()
+int main(int argc, char* argv[])
 {
+    // A scan's helper: probes and ends, touching neither the bus nor the registry.
+    if (argc >= 2 && std::string_view(argv[1]) == Kestrel::Private::DeviceProber::HelperMode)
+        Kestrel::Private::DeviceProber::runHelper({argv + 2, argv + argc});
     // Workers would otherwise bring malloc arenas of their own, and free
     // memory at the top of any but the first is never given back. Fixed
     // thresholds keep big buffers out of the heap and trim it eagerly.

@@ -14,8 +14,8 @@ from pathlib import Path
 import dbus
 
 from conftest import (BUS_NAME, MANAGER, NOBODY, OBJECT_PATH, PRINTER_URI, PRINTING, REGISTRY, SANITIZED, WORLD, BusError,
-                      Signals, SystemLog, daemon_pid, error_of, manager, plain, print_document, private_bus, queues,
-                      scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
+                      Signals, SystemLog, daemon_log, daemon_pid, error_of, manager, plain, print_document, private_bus,
+                      queues, scheduler_running, shell, stop_daemon, stop_printer, wait_for, write_pdf)
 from test_recovery import write_registry
 
 # How long the service waits for the system-log service, and a margin for a loaded machine.
@@ -91,7 +91,8 @@ def test_a_scan_beside_several_silent_network_devices_ends_within_its_probe_boun
     silent = [socket.create_server((address, port)) for address in addresses for port in (631, 443)]
     backend = Path("/usr/lib/cups/backend/kestrel-silent")
     backend.write_text("#!/bin/sh\n[ $# -eq 0 ] || exit 1\n" + "".join(
-        f"echo 'network socket://{address} \"Silent {address}\" \"Silent\" \"\" \"\"'\n" for address in addresses))
+        f"echo 'network socket://{address} \"Silent {address}\" \"Silent\" \"\" \"\"'\n" for address in addresses)
+        + "echo 'network socket://127.0.0.3 \"Silent refusing\" \"Silent\" \"\" \"\"'\n")
     backend.chmod(0o755)
     try:
         manager("getSavedPrinters")
@@ -107,6 +108,11 @@ def test_a_scan_beside_several_silent_network_devices_ends_within_its_probe_boun
     assert not [model for model in devices.values() if model.startswith("Silent")]
     # Probed side by side: one after another, each would hold the scan for seconds.
     assert PROBE_BOUND - 0.5 < seconds < PROBE_BOUND + MARGIN
+    # The process the probes ran in is gone with the scan, and its warnings (those of the device that refuses at
+    # once among them) reached the daemon's own output.
+    tasks = Path(f"/proc/{daemon_pid()}/task")
+    assert not "".join((task / "children").read_text() for task in tasks.iterdir()).split()
+    assert daemon_log().count("WARNING: : failed to establish connection with remote server.\n") >= 2, daemon_log()
 
 
 def in_background(function, *args, **kwargs):
