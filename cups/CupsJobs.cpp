@@ -178,10 +178,11 @@ std::vector<std::string> withoutSeverity(std::vector<std::string> reasons)
     return reasons;
 }
 
-PrinterStatus firstPrinter(CupsRequestHandler& handler, const std::unordered_set<std::string>& names)
+// The named attributes of the response's first printer; none when it has none.
+AttributeMap firstPrinter(CupsRequestHandler& handler, const std::unordered_set<std::string>& names)
 {
-    const auto groups = handler.getGroups(IPP_TAG_PRINTER, names);
-    return printerStatus(groups.empty() ? AttributeMap{} : groups.front());
+    auto groups = handler.getGroups(IPP_TAG_PRINTER, names);
+    return groups.empty() ? AttributeMap{} : std::move(groups.front());
 }
 
 PrinterStatus offline()
@@ -252,7 +253,7 @@ PrinterStatus CupsJobs::queueStatus(const std::string& queue)
     handler.prepareRequest(queue, IPP_OP_GET_PRINTER_ATTRIBUTES);
     handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", QueueAttributes);
     handler.executeAdminRequest();
-    return firstPrinter(handler, QueueAttributes);
+    return printerStatus(firstPrinter(handler, QueueAttributes));
 }
 
 std::map<std::string, PrinterStatus> CupsJobs::queueStatuses()
@@ -283,8 +284,7 @@ PrinterStatus CupsJobs::deviceStatus(const std::string& uri)
         handler.addString(IPP_TAG_OPERATION, IPP_TAG_URI, "printer-uri", uri);
         handler.addStrings(IPP_TAG_OPERATION, IPP_TAG_KEYWORD, "requested-attributes", DeviceAttributes);
         handler.executeRequestAt(resource);
-        const auto groups = handler.getGroups(IPP_TAG_PRINTER, DeviceAttributes);
-        const auto attributes = groups.empty() ? AttributeMap{} : groups.front();
+        const auto attributes = firstPrinter(handler, DeviceAttributes);
         auto status = printerStatus(attributes);
         status.reasons = withoutSeverity(std::move(status.reasons));
         const auto supplies = printerSupplies(attributes);
