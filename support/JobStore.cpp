@@ -16,20 +16,20 @@ const char* const Columns = "SELECT id, owner, queue, printer, document, created
 // The calling thread's connection to the file, kept for the thread's life:
 // a print reads and writes the store on the same worker, and workers end
 // a few seconds after their last call, closing it.
-thread_local std::string openPath;
-thread_local std::unique_ptr<SQLite::Database> db;
+thread_local std::string threadPath;
+thread_local std::unique_ptr<SQLite::Database> threadConnection;
 
 SQLite::Database& connection(const std::string& path)
 {
-    if (!db || openPath != path) {
-        db.reset();
-        db = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE, BusyTimeoutMs);
+    if (!threadConnection || threadPath != path) {
+        threadConnection.reset();
+        threadConnection = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE, BusyTimeoutMs);
         // A commit appends to the log without waiting for the disk; a power
         // cut may lose the newest records, never the file.
-        db->exec("PRAGMA synchronous=NORMAL");
-        openPath = path;
+        threadConnection->exec("PRAGMA synchronous=NORMAL");
+        threadPath = path;
     }
-    return *db;
+    return *threadConnection;
 }
 
 JobRecord read(SQLite::Statement& row)
@@ -59,7 +59,7 @@ JobStore::JobStore(std::string directory)
 
 void JobStore::closeThreadConnection()
 {
-    db.reset();
+    threadConnection.reset();
 }
 
 void JobStore::add(const JobRecord& job)
