@@ -57,7 +57,7 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 cmake --build "$build" -j2 --target kestrel-printd system-log-stand-in bus-latency-benchmark cups-call-benchmark \
-    scan-benchmark memory-benchmark idle-benchmark startup-benchmark >/dev/null
+    scan-benchmark memory-benchmark dependency-floor idle-benchmark startup-benchmark >/dev/null
 # Pages the linker has just written stay dirty until written back, and smaps
 # would count them as the daemon's own private dirty memory.
 sync
