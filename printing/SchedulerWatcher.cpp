@@ -2,6 +2,9 @@
 
 #include "support/Diagnostics.h"
 #include "support/JobStore.h"
+#include "support/WorkerPool.h"
+
+#include <system_error>
 
 namespace Kestrel::Private {
 
@@ -13,6 +16,9 @@ constexpr auto ReadInterval = std::chrono::milliseconds(200);
 // More distinct queue names than this between two reads is a flood: every
 // followed job is read instead of remembering the names.
 constexpr size_t TouchedQueuesBound = 64;
+// With no job to follow and nothing said for this long, the thread ends: an
+// idle daemon keeps neither its stack nor its scheduler connection.
+constexpr auto IdleLimit = WorkerPool::DefaultIdleLimit;
 
 } // namespace
 
@@ -24,67 +30,91 @@ SchedulerWatcher::SchedulerWatcher(std::shared_ptr<JobController> controller, Jo
 {
     // The first read is what later changes are told against.
     touched.everything = true;
+    std::lock_guard<std::mutex> lock(mutex);
     thread = std::thread([this] { run(); });
+    running = true;
 }
 
 SchedulerWatcher::~SchedulerWatcher()
 {
+    std::thread last;
     {
         std::lock_guard<std::mutex> lock(mutex);
         stopping = true;
+        last = std::move(thread);
     }
     wake.notify_all();
-    thread.join();
+    if (last.joinable())
+        last.join();
 }
 
 void SchedulerWatcher::queueTouched(const std::string& queue)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (touched.queues.size() < TouchedQueuesBound)
-            touched.queues.insert(queue);
-        else
-            touched.everything = true;
-    }
-    wake.notify_all();
+    std::unique_lock<std::mutex> lock(mutex);
+    if (touched.queues.size() < TouchedQueuesBound)
+        touched.queues.insert(queue);
+    else
+        touched.everything = true;
+    wakeUp(lock);
 }
 
 void SchedulerWatcher::follow(int id, const std::string& connection)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        followed[id].connection = connection;
-        touched.jobs.insert(id);
-    }
-    wake.notify_all();
+    std::unique_lock<std::mutex> lock(mutex);
+    followed[id].connection = connection;
+    touched.jobs.insert(id);
+    wakeUp(lock);
 }
 
 void SchedulerWatcher::jobTouched(int id)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!followed.count(id))
-            return;
-        touched.jobs.insert(id);
-    }
-    wake.notify_all();
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!followed.count(id))
+        return;
+    touched.jobs.insert(id);
+    wakeUp(lock);
 }
 
 void SchedulerWatcher::savedPrintersChanged()
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        touched.printers = true;
-    }
+    std::unique_lock<std::mutex> lock(mutex);
+    touched.printers = true;
+    wakeUp(lock);
+}
+
+void SchedulerWatcher::wakeUp(std::unique_lock<std::mutex>& lock)
+{
     wake.notify_all();
+    if (running || stopping)
+        return;
+    std::thread ended = std::move(thread);
+    try {
+        thread = std::thread([this] { run(); });
+        running = true;
+    } catch (const std::system_error& error) {
+        // What was said stays noted for the next attempt.
+        logError(std::string("cannot start following the scheduler: ") + error.what());
+    }
+    lock.unlock();
+    // It has left its loop already; only its thread-local clean-up may remain.
+    if (ended.joinable())
+        ended.join();
 }
 
 void SchedulerWatcher::run()
 {
+    // Its scheduler connection and buffers go back to the system with it.
+    WorkerPool::trimWhenThisThreadEnds();
     std::unique_lock<std::mutex> lock(mutex);
     auto lastRead = std::chrono::steady_clock::time_point{};
     while (true) {
-        wake.wait(lock, [this] { return stopping || touched.any(); });
+        const auto news = [this] { return stopping || touched.any(); };
+        if (!followed.empty()) {
+            wake.wait(lock, news);
+        } else if (!wake.wait_for(lock, IdleLimit, news)) {
+            running = false;
+            return;
+        }
         if (stopping)
             return;
         // Only what anyone on the bus may say is held back; the service's

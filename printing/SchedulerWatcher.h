@@ -17,8 +17,9 @@ namespace Kestrel::Private {
 // Learns of changes of the saved printers and of submitted jobs when told
 // that the scheduler changed something, and then reads what changed from
 // the scheduler itself: anyone on the bus can send a message that looks
-// like the scheduler's. Its thread waits without a time-out while nothing
-// is said, and reads at most once per interval however much is said.
+// like the scheduler's. Its thread waits without a time-out while it follows
+// a job, ends a while after the last one when nothing is said, starts again
+// when something is, and reads at most once per interval however much is said.
 class SchedulerWatcher {
 public:
     using JobChanged = std::function<void(const std::string& connection, const Job& job)>;
@@ -54,6 +55,8 @@ private:
         bool any() const { return everything || printers || !queues.empty() || !jobs.empty(); }
     };
     void run();
+    // Wakes the thread, or starts one when the last has ended.
+    void wakeUp(std::unique_lock<std::mutex>& lock);
     void lookAtPrinters();
     // Reads the followed jobs that may have changed; drops those that ended.
     std::map<int, Followed> lookAtJobs(std::map<int, Followed> jobs, const Touched& touched);
@@ -66,6 +69,8 @@ private:
     Touched touched;
     std::map<int, Followed> followed;
     bool stopping = false;
+    // The thread is in its loop; false once it has left it to end.
+    bool running = false;
     std::thread thread;
 };
 
