@@ -6,9 +6,9 @@
 #include <chrono>
 #include <cstdint>
 #include <poll.h>
-#include <signal.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace Kestrel::Private {
@@ -29,7 +29,7 @@ int newEventFd()
     return fd;
 }
 
-void signal(int fd)
+void poke(int fd)
 {
     const uint64_t one = 1;
     // A full counter already means "wake up".
@@ -43,7 +43,6 @@ BusEventLoop::BusEventLoop(sdbus::IConnection& connection)
     , wakeUp(newEventFd())
 {
     activeWakeUp = wakeUp;
-    thread = std::thread([this] { run(); });
 }
 
 BusEventLoop::~BusEventLoop()
@@ -57,7 +56,7 @@ void BusEventLoop::messageSent()
 {
     const int fd = activeWakeUp;
     if (fd >= 0)
-        signal(fd);
+        poke(fd);
 }
 
 void BusEventLoop::stop()
@@ -65,20 +64,40 @@ void BusEventLoop::stop()
     if (!thread.joinable())
         return;
     stopping = true;
-    signal(wakeUp);
+    poke(wakeUp);
     thread.join();
 }
 
-void BusEventLoop::run()
+void BusEventLoop::runUntil(const sigset_t& stopSignals)
+{
+    const int signalFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signalFd < 0)
+        throw std::runtime_error("cannot watch for the stop signals");
+    serve(signalFd);
+    ::close(signalFd);
+}
+
+void BusEventLoop::runInBackground()
+{
+    thread = std::thread([this] {
+        serve(-1);
+        writeOutQueued();
+    });
+}
+
+void BusEventLoop::serve(int signalFd)
 {
     try {
         while (!stopping) {
             while (connection.processPendingRequest()) {
             }
             const auto data = connection.getEventLoopPollData();
-            pollfd watched[] = {{data.fd, data.events, 0}, {wakeUp, POLLIN, 0}};
-            if (::poll(watched, 2, data.getPollTimeout()) < 0 && errno != EINTR)
+            // A negative descriptor is left out by poll().
+            pollfd watched[] = {{data.fd, data.events, 0}, {wakeUp, POLLIN, 0}, {signalFd, POLLIN, 0}};
+            if (::poll(watched, 3, data.getPollTimeout()) < 0 && errno != EINTR)
                 throw std::runtime_error("polling the bus failed");
+            if (watched[2].revents & POLLIN)
+                return;
             if (watched[1].revents & POLLIN) {
                 uint64_t count = 0;
                 [[maybe_unused]] const auto read = ::read(wakeUp, &count, sizeof count);
@@ -86,12 +105,9 @@ void BusEventLoop::run()
         }
     } catch (const std::exception& error) {
         // The bus is gone: nobody can reach the daemon any more, so it stops
-        // the way it stops for SIGTERM.
+        // the way it stops for a signal.
         logError(error.what());
-        ::kill(::getpid(), SIGTERM);
-        return;
     }
-    writeOutQueued();
 }
 
 void BusEventLoop::writeOutQueued()

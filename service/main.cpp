@@ -37,7 +37,7 @@ int main(int argc, char* argv[])
     mallopt(M_MMAP_THRESHOLD, 64 * 1024);
     mallopt(M_TRIM_THRESHOLD, 128 * 1024);
     // Blocked before any thread starts, so every thread inherits the mask
-    // and the stop signals reach only the sigwait below.
+    // and the stop signals reach only the bus loop's watch below.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGTERM);
@@ -63,8 +63,8 @@ int main(int argc, char* argv[])
     // What start-up freed (the registry check above all) goes back now, not at the first call.
     malloc_trim(0);
 
-    int received = 0;
-    sigwait(&stopSignals, &received);
+    loop.runUntil(stopSignals);
+    loop.runInBackground();
     // Calls still waiting are answered with an error; running ones may end.
     manager.refuseCalls();
     printing.refuseCalls();
