@@ -55,11 +55,12 @@ completions() {
 while read -r file line; do
     grep -qxF "$line" "$stage$file" || fail "$file lacks the line '$line'"
 done <<LINES
-$activation Exec=$sbindir/kestrel-printd
+$activation Exec=/usr/bin/env GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.pthread.stack_cache_size=0 $sbindir/kestrel-printd
 $activation User=root
 $activation SystemdService=kestrel-printd.service
 $unit BusName=ru.zorv.print
 $unit ExecStart=$sbindir/kestrel-printd
+$unit Environment=GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.pthread.stack_cache_size=0
 $unit StateDirectory=print
 $unit RestrictAddressFamilies=AF_UNIX AF_INET AF_INET6
 $unit CapabilityBoundingSet=CAP_SETUID CAP_SETGID

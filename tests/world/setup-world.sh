@@ -106,9 +106,13 @@ if [ -n "${KESTREL_DAEMON:-}" ]; then
     # randomisation some kernels use.
     wrapper=
     [ "${KESTREL_SANITIZE:-}" = thread ] && wrapper="setarch $(uname -m) -R"
+    # The environment the build's activation file gives the daemon on a device.
+    tunables=$(sed -n 's/^Exec=.* GLIBC_TUNABLES=\([^ ]*\) .*/\1/p' \
+        "$(dirname "$KESTREL_DAEMON")/service/ru.zorv.print.service" 2>/dev/null || true)
     cat >"$launcher" <<LAUNCHER
 #!/bin/sh
 export ASAN_OPTIONS='${ASAN_OPTIONS:-}' UBSAN_OPTIONS='${UBSAN_OPTIONS:-}' TSAN_OPTIONS='${TSAN_OPTIONS:-}'
+export GLIBC_TUNABLES='$tunables'
 # A test may point the next daemon elsewhere, e.g. CUPS_SERVER at a recorder,
 # or start it through a wrapper (KESTREL_DAEMON_WRAPPER).
 [ -f '$KESTREL_WORLD_DIR/daemon.env' ] && . '$KESTREL_WORLD_DIR/daemon.env'
