@@ -83,9 +83,9 @@ def test_a_change_after_the_daemon_went_idle_still_brings_its_signal(office):
     listener = PrinterSignals()
     pid = daemon_pid()
     # Workers and the scheduler watcher end a while after their last work;
-    # ThreadSanitizer keeps a thread of its own.
+    # ThreadSanitizer may keep a thread of its own.
     idle = 2 if os.environ.get("KESTREL_SANITIZE") == "thread" else 1
-    assert wait_for(lambda: threads(pid) == idle, timeout=20)
+    assert wait_for(lambda: threads(pid) <= idle, timeout=20)
     listener.drain(0.5)
     shell(f"cupsdisable '{the_queue()}'")
     assert [told["state"] for _, (_, told) in listener.drain(WITHIN + 1)] == ["stopped"]
