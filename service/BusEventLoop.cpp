@@ -81,12 +81,15 @@ void BusEventLoop::runInBackground()
 {
     thread = std::thread([this] {
         serve(-1);
-        writeOutQueued();
+        if (!busLost)
+            writeOutQueued();
     });
 }
 
 void BusEventLoop::serve(int signalFd)
 {
+    if (busLost)
+        return;
     try {
         while (!stopping) {
             while (connection.processPendingRequest()) {
@@ -107,6 +110,7 @@ void BusEventLoop::serve(int signalFd)
         // The bus is gone: nobody can reach the daemon any more, so it stops
         // the way it stops for a signal.
         logError(error.what());
+        busLost = true;
     }
 }
 

@@ -43,6 +43,8 @@ private:
     sdbus::IConnection& connection;
     const int wakeUp;
     std::atomic<bool> stopping{false};
+    // Set by the serving thread; the loop's thread starts after the main one has served.
+    bool busLost = false;
     std::thread thread;
 };
 
