@@ -50,44 +50,43 @@ SchedulerWatcher::~SchedulerWatcher()
 
 void SchedulerWatcher::queueTouched(const std::string& queue)
 {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (touched.queues.size() < TouchedQueuesBound)
         touched.queues.insert(queue);
     else
         touched.everything = true;
-    wakeUp(lock);
+    wakeUp();
 }
 
 void SchedulerWatcher::follow(int id, const std::string& connection)
 {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     followed[id].connection = connection;
     touched.jobs.insert(id);
-    wakeUp(lock);
+    wakeUp();
 }
 
 void SchedulerWatcher::jobTouched(int id)
 {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (!followed.count(id))
         return;
     touched.jobs.insert(id);
-    wakeUp(lock);
+    wakeUp();
 }
 
 void SchedulerWatcher::savedPrintersChanged()
 {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     touched.printers = true;
-    wakeUp(lock);
+    wakeUp();
 }
 
-void SchedulerWatcher::wakeUp(std::unique_lock<std::mutex>& lock)
+void SchedulerWatcher::wakeUp()
 {
     wake.notify_all();
     if (running || stopping)
         return;
-    std::thread ended = std::move(thread);
     try {
         thread = std::thread([this] { run(); });
         running = true;
@@ -95,10 +94,6 @@ void SchedulerWatcher::wakeUp(std::unique_lock<std::mutex>& lock)
         // What was said stays noted for the next attempt.
         logError(std::string("cannot start following the scheduler: ") + error.what());
     }
-    lock.unlock();
-    // It has left its loop already; only its thread-local clean-up may remain.
-    if (ended.joinable())
-        ended.join();
 }
 
 void SchedulerWatcher::run()
@@ -112,7 +107,10 @@ void SchedulerWatcher::run()
         if (!followed.empty()) {
             wake.wait(lock, news);
         } else if (!wake.wait_for(lock, IdleLimit, news)) {
+            // Nobody waits for an idle daemon's thread to end; once the lock
+            // is let go, nothing of this object is touched again.
             running = false;
+            thread.detach();
             return;
         }
         if (stopping)

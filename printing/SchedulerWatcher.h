@@ -55,8 +55,8 @@ private:
         bool any() const { return everything || printers || !queues.empty() || !jobs.empty(); }
     };
     void run();
-    // Wakes the thread, or starts one when the last has ended.
-    void wakeUp(std::unique_lock<std::mutex>& lock);
+    // With the mutex held: wakes the thread, or starts one when the last has ended.
+    void wakeUp();
     void lookAtPrinters();
     // Reads the followed jobs that may have changed; drops those that ended.
     std::map<int, Followed> lookAtJobs(std::map<int, Followed> jobs, const Touched& touched);
