@@ -32,7 +32,6 @@ SchedulerWatcher::SchedulerWatcher(std::shared_ptr<JobController> controller, Jo
     touched.everything = true;
     std::lock_guard<std::mutex> lock(mutex);
     thread = std::thread([this] { run(); });
-    running = true;
 }
 
 SchedulerWatcher::~SchedulerWatcher()
@@ -85,11 +84,11 @@ void SchedulerWatcher::savedPrintersChanged()
 void SchedulerWatcher::wakeUp()
 {
     wake.notify_all();
-    if (running || stopping)
+    // A thread that ended while idle has let itself go.
+    if (thread.joinable() || stopping)
         return;
     try {
         thread = std::thread([this] { run(); });
-        running = true;
     } catch (const std::system_error& error) {
         // What was said stays noted for the next attempt.
         logError(std::string("cannot start following the scheduler: ") + error.what());
@@ -109,7 +108,6 @@ void SchedulerWatcher::run()
         } else if (!wake.wait_for(lock, IdleLimit, news)) {
             // Nobody waits for an idle daemon's thread to end; once the lock
             // is let go, nothing of this object is touched again.
-            running = false;
             thread.detach();
             return;
         }

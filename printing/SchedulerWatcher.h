@@ -69,8 +69,7 @@ private:
     Touched touched;
     std::map<int, Followed> followed;
     bool stopping = false;
-    // The thread is in its loop; false once it has left it to end.
-    bool running = false;
+    // Joinable while the thread runs its loop; one that ends while idle detaches itself.
     std::thread thread;
 };
 
