@@ -32,7 +32,7 @@ const std::array<const char*, 3> Fields = {"Rss", "Pss", "Private_Dirty"};
 // The world's own /run: what the fresh moment saw, for the later ones.
 const char* const FreshFigures = "/run/kestrel-memory-fresh";
 
-// The named field of a /proc/PID file such as smaps_rollup (in kB there).
+// The named field of a /proc/PID file such as smaps_rollup (its "kB" are KiB).
 double procField(pid_t pid, const std::string& name, const std::string& field)
 {
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
@@ -176,10 +176,10 @@ int main(int argc, char* argv[])
         const std::string field = Fields[i];
         if (fresh)
             Measure::report("idle daemon " + field + " (fresh)", figures[i], "dependency floor " + field, anchor[i],
-                            "kB");
+                            "KiB");
         else
             Measure::report("idle daemon " + field + " (" + name + ")", figures[i], "idle daemon " + field + " (fresh)",
-                            before[i], "kB");
+                            before[i], "KiB");
     }
     printLargestMappings(daemon, " (" + name + ")");
     return 0;
