@@ -30,7 +30,14 @@ struct ReportedDevice {
     bool secureService;
 };
 
-void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, const std::string& makeAndModel)
+// What discovery has reported so far, the network devices among it already
+// being probed.
+struct Discovery {
+    std::vector<ReportedDevice> reports;
+    DeviceProber prober;
+};
+
+void addReport(Discovery& discovery, const std::string& uri, const std::string& makeAndModel)
 {
     if (makeAndModel == "Unknown" || !Uri::hasSupportedPrefix(uri))
         return;
@@ -38,7 +45,12 @@ void addReport(std::vector<ReportedDevice>& reports, const std::string& uri, con
     const int32_t protocol = parsed.protocol();
     const bool direct = protocol == ProtocolUsb || protocol == ProtocolIpp || protocol == ProtocolIpps;
     const bool announced = !parsed.serviceName().empty();
-    reports.push_back({uri, makeAndModel, !direct && !announced, parsed.serviceName(), parsed.isSecureService()});
+    const bool needsProbe = !direct && !announced;
+    discovery.reports.push_back({uri, makeAndModel, needsProbe, parsed.serviceName(), parsed.isSecureService()});
+    // Probed at once, while discovery goes on (a DNS-SD browse takes
+    // seconds): a scan then waits for the longer of the two, not both.
+    if (needsProbe)
+        discovery.prober.probe(discovery.reports.size() - 1, uri);
 }
 
 // Announced printers under an "ipp" URI, so that adding one gives a driverless
@@ -67,7 +79,7 @@ void visitDevice(const char* /*deviceClass*/, const char* /*deviceId*/, const ch
     // Nothing may unwind through the library's frames: a device that fails
     // to parse is simply left out.
     try {
-        addReport(*static_cast<std::vector<ReportedDevice>*>(context), uri, makeAndModel);
+        addReport(*static_cast<Discovery*>(context), uri, makeAndModel);
     } catch (...) {
     }
 }
@@ -107,25 +119,20 @@ CupsInterface::QueueCondition CupsInterface::queueCondition(std::string_view cup
 
 DeviceMap CupsInterface::getDevices()
 {
-    std::vector<ReportedDevice> reports;
+    Discovery discovery;
     // Deprecated in libcups but still the scheduler's device listing.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    ipp_status_t status = cupsGetDevices(CUPS_HTTP_DEFAULT, 10000, nullptr, nullptr, visitDevice, &reports);
+    ipp_status_t status = cupsGetDevices(CUPS_HTTP_DEFAULT, 10000, nullptr, nullptr, visitDevice, &discovery);
 #pragma GCC diagnostic pop
     if (status != IPP_STATUS_OK)
         throw std::runtime_error(cupsErrorText());
 
-    std::vector<std::string> probed(reports.size());
-    for (size_t i = 0; i < reports.size(); ++i) {
-        if (reports[i].needsProbe)
-            probed[i] = reports[i].uri;
-    }
-    std::vector<std::string> keys = DeviceProber::probeAll(probed);
-    for (size_t i = 0; i < reports.size(); ++i) {
-        if (!reports[i].needsProbe)
-            keys[i] = reports[i].uri;
-    }
+    const auto& reports = discovery.reports;
+    auto answers = discovery.prober.answers();
+    std::vector<std::string> keys(reports.size());
+    for (size_t i = 0; i < reports.size(); ++i)
+        keys[i] = reports[i].needsProbe ? std::move(answers[i]) : reports[i].uri;
     nameAnnouncedPrinters(reports, keys);
     // Filled in report order, so the first report of a URI wins whatever
     // order the probes ended in.

@@ -11,6 +11,7 @@
 #include <optional>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace Kestrel::Private {
 
@@ -18,11 +19,11 @@ namespace {
 
 // A silent device on port 443 holds its probe for the library's own TLS
 // handshake bound (10 s), which no time-out of ours shortens; so a scan waits
-// this long for its probes, from the helper's start, and leaves out the rest.
+// this long for a device's probe, from its hand-over, and leaves it out after.
 constexpr auto ProbeDeadline = std::chrono::seconds(3);
 
 // The IPP URI under which a network device answers; empty when it does not.
-std::string probe(const std::string& uri)
+std::string ippUriOf(const std::string& uri)
 {
     IppChecker checker(uri, std::make_shared<CupsRequestHandler>());
     if (checker.isIppSupported() || checker.isIppsSupported())
@@ -30,78 +31,90 @@ std::string probe(const std::string& uri)
     return {};
 }
 
-// The index and URI of a well-formed answer about one of `count` devices.
-std::optional<std::pair<size_t, std::string>> parseAnswer(const std::string& record, size_t count)
+// The number and text of a "NUMBER<TAB>TEXT" record.
+std::optional<std::pair<size_t, std::string>> parseRecord(const std::string& record)
 {
     const size_t tab = record.find('\t');
     // Nine digits at most, which cannot overflow.
     if (tab == 0 || tab == std::string::npos || tab > 9)
         return std::nullopt;
-    size_t index = 0;
+    size_t number = 0;
     for (size_t i = 0; i < tab; ++i) {
         if (record[i] < '0' || record[i] > '9')
             return std::nullopt;
-        index = index * 10 + static_cast<size_t>(record[i] - '0');
+        number = number * 10 + static_cast<size_t>(record[i] - '0');
     }
-    if (index >= count)
-        return std::nullopt;
-    return std::make_pair(index, record.substr(tab + 1));
+    return std::make_pair(number, record.substr(tab + 1));
 }
 
 } // namespace
 
-std::vector<std::string> DeviceProber::probeAll(const std::vector<std::string>& uris)
+void DeviceProber::probe(size_t number, const std::string& uri)
 {
-    std::vector<std::string> keys(uris.size());
-    std::vector<size_t> positions;
-    std::vector<std::string> arguments{HelperMode};
-    for (size_t i = 0; i < uris.size(); ++i) {
-        if (!uris[i].empty()) {
-            positions.push_back(i);
-            arguments.push_back(uris[i]);
-        }
-    }
-    if (positions.empty())
-        return keys;
-    const auto deadline = ChildProcess::Clock::now() + ProbeDeadline;
+    if (failed)
+        return;
     try {
-        ChildProcess helper(arguments);
-        std::vector<bool> answered(positions.size());
-        for (size_t left = positions.size(); left > 0;) {
-            auto record = helper.nextRecord(deadline);
+        if (!helper)
+            helper = std::make_unique<ChildProcess>(std::vector<std::string>{HelperMode});
+        helper->send(std::to_string(number) + '\t' + uri);
+        waiting.insert(number);
+        deadline = ChildProcess::Clock::now() + ProbeDeadline;
+    } catch (const std::exception& error) {
+        leaveOut(error);
+    }
+}
+
+std::map<size_t, std::string> DeviceProber::answers()
+{
+    std::map<size_t, std::string> keys;
+    if (!helper)
+        return keys;
+    try {
+        helper->finishSending();
+        while (!waiting.empty()) {
+            auto record = helper->nextRecord(deadline);
             if (!record)
                 break;
-            auto answer = parseAnswer(*record, positions.size());
-            if (!answer || answered[answer->first])
+            auto answer = parseRecord(*record);
+            if (!answer || waiting.erase(answer->first) == 0)
                 continue;
-            answered[answer->first] = true;
-            keys[positions[answer->first]] = std::move(answer->second);
-            --left;
+            if (!answer->second.empty())
+                keys.emplace(answer->first, std::move(answer->second));
         }
     } catch (const std::exception& error) {
-        logError(std::string("network devices left out of the scan: ") + error.what());
+        leaveOut(error);
     }
+    helper.reset();
     return keys;
 }
 
-void DeviceProber::runHelper(const std::vector<std::string>& uris)
+void DeviceProber::leaveOut(const std::exception& error)
+{
+    failed = true;
+    logError(std::string("network devices left out of the scan: ") + error.what());
+}
+
+void DeviceProber::runHelper()
 {
     std::vector<std::thread> probes;
-    probes.reserve(uris.size());
-    for (size_t i = 0; i < uris.size(); ++i) {
+    while (auto record = ChildProcess::nextFromParent()) {
+        auto device = parseRecord(*record);
+        if (!device)
+            continue;
+        const size_t number = device->first;
         try {
-            probes.emplace_back([i, &uris] {
+            probes.emplace_back([number, uri = std::move(device->second)] {
                 std::string key;
                 // The device is then left out.
                 try {
-                    key = probe(uris[i]);
+                    key = ippUriOf(uri);
                 } catch (...) {
                 }
-                ChildProcess::sendToParent(std::to_string(i) + '\t' + key);
+                ChildProcess::sendToParent(std::to_string(number) + '\t' + key);
             });
         } catch (const std::exception& error) {
-            logError(std::string("network devices left out of the scan: ") + error.what());
-            break;
+            logError(std::string("network device left out of the scan: ") + error.what());
+            ChildProcess::sendToParent(std::to_string(number) + '\t');
         }
     }
     for (auto& running : probes)

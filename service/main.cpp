@@ -29,7 +29,7 @@ int main(int argc, char* argv[])
 {
     // A scan's helper: probes and ends, touching neither the bus nor the registry.
     if (argc >= 2 && std::string_view(argv[1]) == Kestrel::Private::DeviceProber::HelperMode)
-        Kestrel::Private::DeviceProber::runHelper({argv + 2, argv + argc});
+        Kestrel::Private::DeviceProber::runHelper();
     // Workers would otherwise bring malloc arenas of their own, and free
     // memory at the top of any but the first is never given back. Fixed
     // thresholds keep big buffers out of the heap and trim it eagerly.

@@ -10,11 +10,11 @@
 
 namespace Kestrel::Private {
 
-// This very program run again as a short-lived helper, whose answers come
-// back as records through a pipe. The helper shares the daemon's standard
-// output and error (its diagnostics land in the same log), reads /dev/null,
-// gets the pipe as descriptor 3 and inherits nothing else. Once started, it
-// is killed and reaped when the object goes, whatever state it is in.
+// This very program run again as a short-lived helper, which is given work
+// and answers as records over one socket, its descriptor 3. The helper
+// shares the daemon's standard output and error (its diagnostics land in the
+// same log), reads /dev/null and inherits nothing else. Once started, it is
+// killed and reaped when the object goes, whatever state it is in.
 class ChildProcess {
 public:
     using Clock = std::chrono::steady_clock;
@@ -26,10 +26,19 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    // Hands the helper one record; throws std::runtime_error when it can
+    // no longer take one.
+    void send(std::string_view record);
+    // Tells the helper that no record follows.
+    void finishSending();
+
     // The next record the helper sent, without its terminator; nothing once
-    // the helper has closed the pipe or the deadline has passed.
+    // the helper has closed its end or the deadline has passed.
     std::optional<std::string> nextRecord(Clock::time_point deadline);
 
+    // In the helper: the next record the parent handed over; nothing once
+    // it has finished sending (or is gone).
+    static std::optional<std::string> nextFromParent();
     // In the helper: sends one record in a single write, whole even when
     // several threads send at once.
     static void sendToParent(std::string_view record);
@@ -39,7 +48,7 @@ public:
 
 private:
     pid_t pid = -1;
-    int output = -1;
+    int channel = -1;
     std::string received;
     bool closed = false;
 };

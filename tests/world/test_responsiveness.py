@@ -92,7 +92,9 @@ def test_a_scan_beside_several_silent_network_devices_ends_within_its_probe_boun
     backend = Path("/usr/lib/cups/backend/kestrel-silent")
     backend.write_text("#!/bin/sh\n[ $# -eq 0 ] || exit 1\n" + "".join(
         f"echo 'network socket://{address} \"Silent {address}\" \"Silent\" \"\" \"\"'\n" for address in addresses)
-        + "echo 'network socket://127.0.0.3 \"Silent refusing\" \"Silent\" \"\" \"\"'\n")
+        + "echo 'network socket://127.0.0.3 \"Silent refusing\" \"Silent\" \"\" \"\"'\n"
+        # Discovery goes on as long as the probes' bound, as a DNS-SD browse does.
+        + f"sleep {PROBE_BOUND}\n")
     backend.chmod(0o755)
     try:
         manager("getSavedPrinters")
@@ -106,7 +108,8 @@ def test_a_scan_beside_several_silent_network_devices_ends_within_its_probe_boun
             listener.close()
     assert devices["usb://Maker/Model?serial=1"] == "Maker Model"
     assert not [model for model in devices.values() if model.startswith("Silent")]
-    # Probed side by side: one after another, each would hold the scan for seconds.
+    # Probed side by side while discovery runs: one after another, or only once discovery has ended, the probes
+    # would hold the scan for seconds longer.
     assert PROBE_BOUND - 0.5 < seconds < PROBE_BOUND + MARGIN
     # The process the probes ran in is gone with the scan, and its warnings (those of the device that refuses at
     # once among them) reached the daemon's own output.
