@@ -19,7 +19,8 @@ namespace {
 
 // A silent device on port 443 holds its probe for the library's own TLS
 // handshake bound (10 s), which no time-out of ours shortens; so a scan waits
-// this long for a device's probe, from its hand-over, and leaves it out after.
+// for the probes until this long after the last hand-over, and leaves out
+// the devices that have not answered.
 constexpr auto ProbeDeadline = std::chrono::seconds(3);
 
 // The IPP URI under which a network device answers; empty when it does not.
